@@ -1,0 +1,13 @@
+#include "platform/EngineException.h"
+
+#include <utility>
+
+namespace com::orvex {
+
+EngineException::EngineException(const char* text) : text_(text != nullptr ? text : "") {}
+EngineException::EngineException(std::string text) : text_(std::move(text)) {}
+EngineException::~EngineException() = default;
+
+const char* EngineException::what() const noexcept { return text_.c_str(); }
+
+}  // namespace com::orvex

@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Builds and runs every test of vigilo on a fresh machine: installs what is missing, then
+# configures, builds and tests the default build and the sanitizer builds.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/setup.sh
+
+for preset in default asan; do
+  echo "== $preset build" >&2
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+  ctest --preset "$preset"
+done

@@ -1,0 +1,19 @@
+#include <sstream>
+
+#include "status/EngineStatus.h"
+#include "status/status_catalogue.h"
+
+namespace com::orvex::engine {
+
+std::string EngineStatus::getRawHeader() {
+  std::ostringstream line;
+  const char* separator = "";
+  for (const status_key& k : statusCatalogue) {
+    if (k.rawHeading == nullptr) continue;
+    line << separator << k.rawHeading;
+    separator = ",";
+  }
+  return line.str();
+}
+
+}  // namespace com::orvex::engine

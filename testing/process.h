@@ -1,0 +1,71 @@
+// Test support: runs a real program as a child process with its standard output and error on
+// pipes, so tests can compare whole outputs and exit statuses, wait for output with a bound
+// instead of sleeping, and send real signals.
+#ifndef VIGILO_TESTING_PROCESS_H_
+#define VIGILO_TESTING_PROCESS_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace vigilo::test_support {
+
+struct run_result {
+  std::string out;
+  std::string err;
+  int status = -1;  // exit status, or 128 + signal number when killed by a signal
+};
+
+class child_process {
+ public:
+  struct options {
+    std::vector<std::string> env;  // "NAME=value" entries added to (or replacing) the environment
+    std::string stdoutPath;        // when set, stdout goes to this file instead of a pipe
+  };
+
+  // Starts argv[0] (a path) with argv. Fails the test if it cannot be started.
+  explicit child_process(const std::vector<std::string>& argv, const options& opts);
+  explicit child_process(const std::vector<std::string>& argv) : child_process(argv, options{}) {}
+  ~child_process();  // kills the child if it still runs
+  child_process(const child_process&) = delete;
+  child_process& operator=(const child_process&) = delete;
+
+  pid_t pid() const { return pid_; }
+
+  // Reads output until `done(out, err)` holds or `timeout` passes; returns whether it held.
+  bool waitFor(const std::function<bool(const std::string& out, const std::string& err)>& done,
+               std::chrono::milliseconds timeout);
+  bool waitForErr(const std::string& text, std::chrono::milliseconds timeout);
+  bool waitForOut(const std::string& text, std::chrono::milliseconds timeout);
+
+  void signal(int sig);
+  // Closes our end of the child's stdout pipe, as a reader that goes away would.
+  void closeStdout();
+
+  // Reads the rest of the output and waits for the exit; kills the child after `timeout`.
+  run_result finish(std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+  const std::string& out() const { return out_; }
+  const std::string& err() const { return err_; }
+
+ private:
+  void pump(int timeoutMs);
+
+  pid_t pid_ = -1;
+  int outFd_ = -1;
+  int errFd_ = -1;
+  std::string out_;
+  std::string err_;
+};
+
+// Runs a program to its end and returns what it wrote and its status.
+run_result runProcess(const std::vector<std::string>& argv,
+                      const child_process::options& opts = {},
+                      std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+}  // namespace vigilo::test_support
+
+#endif  // VIGILO_TESTING_PROCESS_H_
