@@ -2,6 +2,7 @@
 
 #include "status/EngineStatus.h"
 #include "status/status_catalogue.h"
+#include "status/user_pairs.h"
 
 namespace com::orvex::engine {
 
@@ -13,6 +14,15 @@ std::string EngineStatus::getRawHeader() {
     line << separator << k.rawHeading;
     separator = ",";
   }
+  return line.str();
+}
+
+std::string EngineStatus::getRawHeaderAll() const {
+  std::ostringstream line;
+  line << getRawHeader();
+  forEachUserPair(*this, [&line](const std::string& key, const std::string&) {
+    line << ',' << key;
+  });
   return line.str();
 }
 

@@ -1,0 +1,106 @@
+#include "testing/fake_status.h"
+
+#include <cstring>
+#include <deque>
+
+#include "status/status_catalogue.h"
+
+namespace vigilo::test_support {
+
+namespace {
+
+struct fake_status {
+  StatusOpaque opaque;  // first, so that a StatusOpaque* is a fake_status*
+  fake_status_script script;
+  fake_status_log* log;
+  std::deque<std::string> handedOut;  // stable addresses for every string handed out
+};
+
+fake_status* self(StatusOpaque* status) { return reinterpret_cast<fake_status*>(status); }
+
+const char* handOut(fake_status* s, const std::string& text) {
+  s->handedOut.push_back(text);
+  return s->handedOut.back().c_str();
+}
+
+int getNextStatusPair(StatusOpaque* status, const char** key, const char** value,
+                      std::uintptr_t* handle) {
+  fake_status* s = self(status);
+  ++s->log->pairSteps;
+  const std::size_t next = *handle;  // position of the next pair, counted from 1; 0 to start
+  const std::size_t index = next == 0 ? 0 : next - 1;
+  if (index >= s->script.pairs.size()) {
+    if (s->script.endWithEmptyKey) {
+      *key = handOut(s, "");
+      *value = handOut(s, "");
+      *handle = index + 1;
+    } else {
+      *key = *value = nullptr;
+      *handle = 0;
+    }
+    return 0;
+  }
+  const auto& pair = s->script.pairs[index];
+  *key = pair.first ? handOut(s, *pair.first) : nullptr;
+  *value = pair.second ? handOut(s, *pair.second) : nullptr;
+  *handle = index + 2;
+  return 1;
+}
+
+const char* getStatusString(StatusOpaque* status, const char* key) {
+  fake_status* s = self(status);
+  ++s->log->stringLookups[key];
+  const auto found = s->script.strings.find(key);
+  if (found == s->script.strings.end() || !found->second) return nullptr;
+  return handOut(s, *found->second);
+}
+
+std::int64_t getStatusInteger(StatusOpaque* status, const char* key) {
+  fake_status* s = self(status);
+  ++s->log->integerLookups[key];
+  const auto found = s->script.integers.find(key);
+  return found == s->script.integers.end() ? 0 : static_cast<std::int64_t>(found->second);
+}
+
+void deleteStatus(StatusOpaque* status) {
+  fake_status* s = self(status);
+  ++s->log->deletes;
+  for (std::string& text : s->handedOut) std::memset(text.data(), '#', text.size());
+  delete s;
+}
+
+void freeStatusIteration(StatusOpaque* status, std::uintptr_t handle) {
+  self(status)->log->freedIterations.push_back(handle);
+}
+
+const StatusFunctions fakeFunctions = [] {
+  StatusFunctions table{};
+  table.entries[getNextStatusPairEntry] = reinterpret_cast<StatusFunction>(&getNextStatusPair);
+  table.entries[getStatusStringEntry] = reinterpret_cast<StatusFunction>(&getStatusString);
+  table.entries[getStatusIntegerEntry] = reinterpret_cast<StatusFunction>(&getStatusInteger);
+  table.entries[deleteStatusEntry] = reinterpret_cast<StatusFunction>(&deleteStatus);
+  table.entries[freeStatusIterationEntry] =
+      reinterpret_cast<StatusFunction>(&freeStatusIteration);
+  return table;
+}();
+
+}  // namespace
+
+StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* log) {
+  auto* s = new fake_status{{nullptr, &fakeFunctions}, script, log, {}};
+  return &s->opaque;
+}
+
+fake_status_script uniformSnapshot(std::uint64_t number, const std::string& text) {
+  fake_status_script script;
+  for (const auto& key : com::orvex::engine::statusCatalogue) {
+    if (key.kind == com::orvex::engine::value_kind::text) {
+      script.strings[key.key] = text;
+    } else {
+      script.integers[key.key] = number;
+    }
+  }
+  return script;
+}
+
+}  // namespace vigilo::test_support
