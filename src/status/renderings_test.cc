@@ -1,6 +1,8 @@
 // Whole renderings of status snapshots, compared byte for byte.
 #include <gtest/gtest.h>
 
+#include "testing/param_name.h"
+
 #include <sstream>
 #include <string>
 
@@ -235,11 +237,7 @@ INSTANTIATE_TEST_SUITE_P(
                   "user-d:                         2\n"},
         user_case{"an empty key ends the walk", {{"user-1", "a"}, {"", "x"}, {"user-2", "b"}},
                   ",user-1", "user-1:                         a\n"}),
-    [](const auto& info) {
-      std::string name;
-      for (const char ch : std::string(info.param.name)) name += std::isalnum(ch) ? ch : '_';
-      return name;
-    });
+    vigilo::test_support::param_name());
 
 TEST(RenderingsTest, RecordWithoutStatusObjectHasOnlyTheStandardHeading) {
   EngineStatus empty(nullptr);

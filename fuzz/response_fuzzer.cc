@@ -1,0 +1,43 @@
+// Fuzzes the client's reading of an engine's answer: HTTP framing, then the status document, then
+// the status object built from it. The first input byte picks how the rest is split into reads,
+// so that framing is exercised at every boundary. Nothing may crash, leak, or grow past the
+// reader's limits.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "client_status.h"
+#include "http_response_reader.h"
+#include "status/EngineStatus.h"
+#include "status_document.h"
+
+using namespace com::orvex::engine;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  const std::size_t step = 1 + data[0] % 16;
+  std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
+  // Small limits, so that the fuzzer reaches them.
+  http_response_reader reader(512, 4096);
+  while (!bytes.empty() && reader.current() == http_response_reader::state::reading) {
+    const std::size_t take = bytes.size() < step ? bytes.size() : step;
+    reader.feed(bytes.substr(0, take));
+    bytes.remove_prefix(take);
+  }
+  reader.finish();
+  if (reader.current() != http_response_reader::state::complete) return 0;
+  if (reader.body().size() > 4096) __builtin_trap();
+
+  status_pairs pairs;
+  std::string error;
+  if (!parseStatusDocument(reader.body(), pairs, error)) return 0;
+  EngineStatus record(newClientStatus(std::move(pairs)));
+  std::size_t seen = 0;
+  for (auto it = record.begin(); it != record.end(); ++it) seen += it.key().size();
+  (void)seen;
+  (void)record.getStandardStatusValuesRaw();
+  (void)record.getAllStatusValues();
+  (void)record.getRawHeaderAll();
+  return 0;
+}

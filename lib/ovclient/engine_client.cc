@@ -1,0 +1,82 @@
+// The engine client library's entry points over the HTTP status endpoint.
+#include "platform/engine_client.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "client_status.h"
+#include "http_connection.h"
+#include "platform/EngineException.h"
+#include "status_document.h"
+
+namespace com::orvex::engine {
+
+class EngineManagement {
+ public:
+  EngineManagement(const char* host, unsigned short port, const std::string& userAgent)
+      : connection(host, port, timeoutsFromEnvironment(), userAgent) {}
+  http_connection connection;
+};
+
+namespace {
+
+std::string userAgent = "ovclient";
+
+std::string answered(const std::string& path, const http_response& r) {
+  return "GET " + path + " answered " + std::to_string(r.status) +
+         (r.reason.empty() ? "" : " " + r.reason);
+}
+
+}  // namespace
+
+void engineInit(const char* programName) {
+  if (programName == nullptr || *programName == '\0') {
+    throw EngineException("engineInit needs a program name");
+  }
+  userAgent = std::string(programName) + " (ovclient)";
+}
+
+void engineShutdown() {}
+
+EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short port,
+                                             const char* /*reserved*/) {
+  if (host == nullptr) throw EngineException("Could not connect to engine: no host given");
+  auto management = std::make_unique<EngineManagement>(host, port, userAgent);
+  try {
+    management->connection.open();
+    const http_response pong = management->connection.get("/ping");
+    if (pong.status / 100 != 2) throw std::runtime_error(answered("/ping", pong));
+  } catch (const std::exception& e) {
+    throw EngineException("Could not connect to engine at " + management->connection.where() +
+                          ": " + e.what());
+  }
+  return management.release();
+}
+
+void disconnectFromEngine(EngineManagement* management) { delete management; }
+
+}  // namespace com::orvex::engine
+
+using com::orvex::engine::EngineManagement;
+
+extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* management,
+                                                          char** error) {
+  using namespace com::orvex::engine;
+  try {
+    const http_response response = management->connection.get("/status");
+    if (response.status / 100 != 2) throw std::runtime_error(answered("/status", response));
+    status_pairs pairs;
+    std::string why;
+    if (!parseStatusDocument(response.body, pairs, why)) {
+      throw std::runtime_error("malformed status document: " + why);
+    }
+    return newClientStatus(std::move(pairs));
+  } catch (const std::exception& e) {
+    const std::string text = "Status request to engine at " + management->connection.where() +
+                             " failed: " + e.what();
+    *error = strdup(text.c_str());
+    return nullptr;
+  }
+}

@@ -1,0 +1,216 @@
+#include "http_connection.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "http_response_reader.h"
+
+namespace com::orvex::engine {
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+int positiveFromEnvironment(const char* name, int fallback) {
+  const char* text = std::getenv(name);
+  if (text == nullptr) return fallback;
+  char* end = nullptr;
+  const long value = std::strtol(text, &end, 10);
+  if (end == text || *end != '\0' || value <= 0 || value > 24L * 3600 * 1000) return fallback;
+  return static_cast<int>(value);
+}
+
+int msLeft(clock_type::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now()).count();
+  return left < 0 ? 0 : static_cast<int>(left);
+}
+
+std::string timedOut(int ms) { return "timed out after " + std::to_string(ms) + " ms"; }
+
+std::string whereOf(const std::string& host, unsigned short port) {
+  const bool ipv6Literal = host.find(':') != std::string::npos;
+  return (ipv6Literal ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
+// Waits until `fd` is ready for `events` or the deadline passes; false on time-out.
+bool waitFor(int fd, short events, clock_type::time_point deadline) {
+  for (;;) {
+    pollfd p{fd, events, 0};
+    const int ready = poll(&p, 1, msLeft(deadline));
+    if (ready > 0) return true;
+    if (ready == 0) return false;
+    if (errno != EINTR) return true;  // let the next call report the error
+  }
+}
+
+}  // namespace
+
+client_timeouts timeoutsFromEnvironment() {
+  client_timeouts t;
+  t.connectMs = positiveFromEnvironment("OVCLIENT_CONNECT_TIMEOUT_MS", t.connectMs);
+  t.responseMs = positiveFromEnvironment("OVCLIENT_RESPONSE_TIMEOUT_MS", t.responseMs);
+  return t;
+}
+
+struct http_connection::exchange_result {
+  bool ok = false;
+  bool receivedAnything = false;
+  bool timedOut = false;
+  http_response response;
+  std::string error;
+};
+
+http_connection::http_connection(std::string host, unsigned short port, client_timeouts timeouts,
+                                 std::string userAgent)
+    : host_(std::move(host)),
+      port_(port),
+      timeouts_(timeouts),
+      userAgent_(std::move(userAgent)),
+      where_(whereOf(host_, port_)) {}
+
+http_connection::~http_connection() { closeSocket(); }
+
+void http_connection::closeSocket() {
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+}
+
+void http_connection::open() {
+  if (fd_ >= 0) return;
+  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts_.connectMs);
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  const std::string service = std::to_string(port_);
+  const int rc = getaddrinfo(host_.c_str(), service.c_str(), &hints, &found);
+  if (rc != 0) {
+    throw std::runtime_error(rc == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(rc));
+  }
+  std::string cause = "no address";
+  for (addrinfo* a = found; a != nullptr; a = a->ai_next) {
+    const int fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
+                          a->ai_protocol);
+    if (fd < 0) {
+      cause = std::strerror(errno);
+      continue;
+    }
+    int error = 0;
+    if (connect(fd, a->ai_addr, a->ai_addrlen) != 0) {
+      error = errno;
+      if (error == EINPROGRESS) {
+        if (!waitFor(fd, POLLOUT, deadline)) {
+          close(fd);
+          cause = timedOut(timeouts_.connectMs);
+          break;
+        }
+        socklen_t length = sizeof error;
+        getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
+      }
+    }
+    if (error != 0) {
+      cause = std::strerror(error);
+      close(fd);
+      continue;
+    }
+    // A request goes out in one piece; without this, a reply can wait on a delayed ACK.
+    const int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    fd_ = fd;
+    break;
+  }
+  freeaddrinfo(found);
+  if (fd_ < 0) throw std::runtime_error(cause);
+}
+
+// An idle kept-alive connection that has become readable was closed by the engine (or holds
+// stray bytes): either way it cannot carry the next request.
+bool http_connection::peerClosed() const {
+  pollfd p{fd_, POLLIN, 0};
+  return poll(&p, 1, 0) != 0;
+}
+
+http_connection::exchange_result http_connection::exchange(const std::string& path) {
+  exchange_result result;
+  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts_.responseMs);
+  const std::string request = "GET " + path + " HTTP/1.1\r\nHost: " + where_ +
+                              "\r\nUser-Agent: " + userAgent_ +
+                              "\r\nAccept: application/json\r\n\r\n";
+  std::size_t sent = 0;
+  while (sent < request.size()) {
+    const ssize_t n = send(fd_, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+    if (n > 0) {
+      sent += static_cast<std::size_t>(n);
+    } else if (errno == EAGAIN || errno == EINTR) {
+      if (!waitFor(fd_, POLLOUT, deadline)) {
+        result.timedOut = true;
+        result.error = "GET " + path + " " + timedOut(timeouts_.responseMs);
+        return result;
+      }
+    } else {
+      result.error = "GET " + path + ": " + std::strerror(errno);
+      return result;
+    }
+  }
+
+  http_response_reader reader;
+  char buffer[65536];
+  while (reader.current() == http_response_reader::state::reading) {
+    if (!waitFor(fd_, POLLIN, deadline)) {
+      result.timedOut = true;
+      result.receivedAnything = reader.receivedAnything();
+      result.error = "GET " + path + " " + timedOut(timeouts_.responseMs);
+      return result;
+    }
+    const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+    if (n > 0) {
+      reader.feed(std::string_view(buffer, static_cast<std::size_t>(n)));
+    } else if (n == 0) {
+      reader.finish();
+    } else if (errno != EAGAIN && errno != EINTR) {
+      result.receivedAnything = reader.receivedAnything();
+      result.error = "GET " + path + ": " + std::strerror(errno);
+      return result;
+    }
+  }
+  result.receivedAnything = reader.receivedAnything();
+  if (reader.current() == http_response_reader::state::failed) {
+    result.error = "GET " + path + ": " + reader.error();
+    return result;
+  }
+  if (!reader.keepAlive()) closeSocket();
+  result.ok = true;
+  result.response = {reader.statusCode(), reader.reason(), reader.body()};
+  return result;
+}
+
+http_response http_connection::get(const std::string& path) {
+  for (int attempt = 0;; ++attempt) {
+    bool reused = fd_ >= 0;
+    if (reused && peerClosed()) {
+      closeSocket();
+      reused = false;
+    }
+    open();
+    exchange_result r = exchange(path);
+    if (r.ok) return std::move(r.response);
+    closeSocket();
+    // The engine may close a kept-alive connection just as a request goes out: that request got
+    // no answer at all and is safe to send once more on a new connection.
+    if (reused && attempt == 0 && !r.receivedAnything && !r.timedOut) continue;
+    throw std::runtime_error(r.error);
+  }
+}
+
+}  // namespace com::orvex::engine

@@ -1,0 +1,61 @@
+// One kept-alive HTTP/1.1 connection to the engine, for GET requests only. It resolves the host
+// to every address getaddrinfo gives (IPv6 and IPv4, in order) and connects to the first that
+// answers, under a connect time-out; each response must arrive whole within the response
+// time-out. A connection that the engine closed while idle is re-opened once, transparently.
+// Not thread-safe: one user at a time.
+#ifndef VIGILO_OVCLIENT_HTTP_CONNECTION_H_
+#define VIGILO_OVCLIENT_HTTP_CONNECTION_H_
+
+#include <string>
+
+namespace com::orvex::engine {
+
+struct client_timeouts {
+  int connectMs = 5000;
+  int responseMs = 30000;
+};
+
+// The defaults, or OVCLIENT_CONNECT_TIMEOUT_MS and OVCLIENT_RESPONSE_TIMEOUT_MS when they hold a
+// positive number of milliseconds.
+client_timeouts timeoutsFromEnvironment();
+
+struct http_response {
+  int status = 0;
+  std::string reason;
+  std::string body;
+};
+
+class http_connection {
+ public:
+  http_connection(std::string host, unsigned short port, client_timeouts timeouts,
+                  std::string userAgent);
+  ~http_connection();
+  http_connection(const http_connection&) = delete;
+  http_connection& operator=(const http_connection&) = delete;
+
+  // "host:port", with brackets around an IPv6 literal.
+  const std::string& where() const { return where_; }
+
+  // Connects if not connected. Throws std::runtime_error with the cause ("Connection refused").
+  void open();
+  // Sends GET `path` and reads the whole response, of any status. Throws std::runtime_error with
+  // the cause on a transport or framing failure.
+  http_response get(const std::string& path);
+
+ private:
+  struct exchange_result;
+  exchange_result exchange(const std::string& path);
+  bool peerClosed() const;
+  void closeSocket();
+
+  const std::string host_;
+  const unsigned short port_;
+  const client_timeouts timeouts_;
+  const std::string userAgent_;
+  const std::string where_;
+  int fd_ = -1;
+};
+
+}  // namespace com::orvex::engine
+
+#endif  // VIGILO_OVCLIENT_HTTP_CONNECTION_H_

@@ -1,0 +1,238 @@
+#include "http_response_reader.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+
+namespace com::orvex::engine {
+
+namespace {
+
+constexpr std::size_t chunkLineLimit = 1024;
+
+std::string lower(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return result;
+}
+
+std::string_view trim(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+  return text;
+}
+
+bool hasToken(std::string_view list, std::string_view token) {
+  const std::string all = lower(list);
+  std::string_view rest = all;
+  while (!rest.empty()) {
+    const auto comma = rest.find(',');
+    if (trim(rest.substr(0, comma)) == token) return true;
+    if (comma == std::string_view::npos) break;
+    rest.remove_prefix(comma + 1);
+  }
+  return false;
+}
+
+}  // namespace
+
+http_response_reader::http_response_reader(std::size_t headerLimit, std::size_t bodyLimit)
+    : headerLimit_(headerLimit), bodyLimit_(bodyLimit) {}
+
+http_response_reader::state http_response_reader::fail(std::string why) {
+  error_ = std::move(why);
+  keepAlive_ = false;
+  state_ = state::failed;
+  return state_;
+}
+
+// Takes one line ending in LF (a CR before it is dropped) into `line`; false when the bytes end
+// first, with the partial line kept for the next feed. Lines count against the header limit while
+// the head is read, and against a fixed limit in chunked framing.
+bool http_response_reader::takeLine(std::string_view& bytes, std::string& line) {
+  const auto lf = bytes.find('\n');
+  const std::size_t take = lf == std::string_view::npos ? bytes.size() : lf + 1;
+  const bool inHead = phase_ == phase::statusLine || phase_ == phase::headers;
+  const std::size_t limit = inHead ? headerLimit_ : chunkLineLimit;
+  const std::size_t used = inHead ? headerBytes_ : line_.size();
+  if (used + take > limit) {
+    fail(inHead ? "response headers exceed " + std::to_string(headerLimit_) + " bytes"
+                : "malformed chunked body: line exceeds " + std::to_string(chunkLineLimit) +
+                      " bytes");
+    return false;
+  }
+  if (inHead) headerBytes_ += take;
+  line_.append(bytes.substr(0, take));
+  bytes.remove_prefix(take);
+  if (lf == std::string_view::npos) return false;
+  line_.pop_back();
+  if (!line_.empty() && line_.back() == '\r') line_.pop_back();
+  line.swap(line_);
+  line_.clear();
+  return true;
+}
+
+bool http_response_reader::appendBody(std::string_view bytes) {
+  if (body_.size() + bytes.size() > bodyLimit_) {
+    fail("response body exceeds " + std::to_string(bodyLimit_) + " bytes");
+    return false;
+  }
+  body_.append(bytes);
+  return true;
+}
+
+http_response_reader::state http_response_reader::headerLine(const std::string& line) {
+  if (phase_ == phase::statusLine) {
+    // "HTTP/1.1 200 OK"
+    if (line.size() < 12 || line.compare(0, 7, "HTTP/1.") != 0 || line[8] != ' ' ||
+        !std::isdigit(static_cast<unsigned char>(line[9])) ||
+        !std::isdigit(static_cast<unsigned char>(line[10])) ||
+        !std::isdigit(static_cast<unsigned char>(line[11])) ||
+        (line.size() > 12 && line[12] != ' ')) {
+      return fail("malformed status line \"" + line.substr(0, 80) + "\"");
+    }
+    http10_ = line[7] == '0';
+    keepAlive_ = !http10_;
+    status_ = (line[9] - '0') * 100 + (line[10] - '0') * 10 + (line[11] - '0');
+    reason_ = line.size() > 13 ? line.substr(13) : "";
+    phase_ = phase::headers;
+    return state_;
+  }
+  if (line.empty()) return headersDone();
+  const auto colon = line.find(':');
+  if (colon == std::string::npos || colon == 0) {
+    return fail("malformed header line \"" + line.substr(0, 80) + "\"");
+  }
+  const std::string name = lower(trim(std::string_view(line).substr(0, colon)));
+  const std::string_view value = trim(std::string_view(line).substr(colon + 1));
+  if (name == "content-length") {
+    std::uint64_t length = 0;
+    const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), length);
+    if (value.empty() || ec != std::errc() || end != value.data() + value.size() ||
+        (hasLength_ && length != length_)) {
+      return fail("malformed Content-Length \"" + std::string(value.substr(0, 40)) + "\"");
+    }
+    if (length > bodyLimit_) {
+      return fail("response body of " + std::to_string(length) + " bytes exceeds " +
+                  std::to_string(bodyLimit_) + " bytes");
+    }
+    hasLength_ = true;
+    length_ = length;
+  } else if (name == "transfer-encoding") {
+    if (lower(value) != "chunked") {
+      return fail("unsupported Transfer-Encoding \"" + std::string(value.substr(0, 40)) + "\"");
+    }
+    chunked_ = true;
+  } else if (name == "connection") {
+    if (hasToken(value, "close")) {
+      keepAlive_ = false;
+      sawConnectionHeader_ = true;
+    } else if (hasToken(value, "keep-alive") && !sawConnectionHeader_) {
+      keepAlive_ = true;
+    }
+  }
+  return state_;
+}
+
+http_response_reader::state http_response_reader::headersDone() {
+  if (status_ < 200 || status_ == 204 || status_ == 304) {
+    phase_ = phase::done;
+    return state_ = state::complete;
+  }
+  if (chunked_) {
+    phase_ = phase::chunkSize;  // chunked framing overrides any Content-Length
+  } else if (hasLength_) {
+    phase_ = phase::lengthBody;
+    if (length_ == 0) {
+      phase_ = phase::done;
+      return state_ = state::complete;
+    }
+  } else {
+    phase_ = phase::toClose;
+    keepAlive_ = false;
+  }
+  return state_;
+}
+
+http_response_reader::state http_response_reader::chunkSizeLine(const std::string& line) {
+  std::string_view size = line;
+  size = trim(size.substr(0, size.find(';')));
+  std::uint64_t length = 0;
+  const auto [end, ec] = std::from_chars(size.data(), size.data() + size.size(), length, 16);
+  if (size.empty() || ec != std::errc() || end != size.data() + size.size()) {
+    return fail("malformed chunked body: bad chunk size \"" + line.substr(0, 40) + "\"");
+  }
+  if (length > bodyLimit_ - body_.size()) {
+    return fail("response body exceeds " + std::to_string(bodyLimit_) + " bytes");
+  }
+  length_ = length;
+  phase_ = length == 0 ? phase::trailers : phase::chunkData;
+  return state_;
+}
+
+http_response_reader::state http_response_reader::feed(std::string_view bytes) {
+  received_ += bytes.size();
+  std::string line;
+  while (state_ == state::reading && !bytes.empty()) {
+    switch (phase_) {
+      case phase::statusLine:
+      case phase::headers:
+        if (takeLine(bytes, line)) headerLine(line);
+        break;
+      case phase::lengthBody:
+      case phase::chunkData: {
+        const std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(length_, bytes.size()));
+        if (!appendBody(bytes.substr(0, take))) break;
+        bytes.remove_prefix(take);
+        length_ -= take;
+        if (length_ == 0) {
+          if (phase_ == phase::chunkData) {
+            phase_ = phase::chunkEnd;
+          } else {
+            phase_ = phase::done;
+            state_ = state::complete;
+          }
+        }
+        break;
+      }
+      case phase::chunkEnd:
+        if (takeLine(bytes, line)) {
+          if (!line.empty()) {
+            fail("malformed chunked body: chunk not followed by a line end");
+          } else {
+            phase_ = phase::chunkSize;
+          }
+        }
+        break;
+      case phase::chunkSize:
+        if (takeLine(bytes, line)) chunkSizeLine(line);
+        break;
+      case phase::trailers:
+        if (takeLine(bytes, line) && line.empty()) {
+          phase_ = phase::done;
+          state_ = state::complete;
+        }
+        break;
+      case phase::toClose:
+        if (appendBody(bytes)) bytes = {};
+        break;
+      case phase::done:
+        break;
+    }
+  }
+  if (state_ == state::complete && !bytes.empty()) keepAlive_ = false;
+  return state_;
+}
+
+http_response_reader::state http_response_reader::finish() {
+  keepAlive_ = false;
+  if (state_ != state::reading) return state_;
+  if (phase_ == phase::toClose) {
+    phase_ = phase::done;
+    return state_ = state::complete;
+  }
+  if (received_ == 0) return fail("connection closed by the engine before any response");
+  return fail("connection closed by the engine in the middle of the response");
+}
+
+}  // namespace com::orvex::engine

@@ -1,0 +1,74 @@
+// An incremental reader of one HTTP/1.x response: status line, headers, and a body framed by
+// Content-Length, by chunked transfer coding, or by the end of the connection. It holds no socket,
+// so that the client can feed it whatever arrives and the fuzzer can feed it anything. Header and
+// body sizes are bounded: no input can make it hold more than the two limits.
+#ifndef VIGILO_OVCLIENT_HTTP_RESPONSE_READER_H_
+#define VIGILO_OVCLIENT_HTTP_RESPONSE_READER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace com::orvex::engine {
+
+class http_response_reader {
+ public:
+  enum class state { reading, complete, failed };
+
+  static constexpr std::size_t defaultHeaderLimit = 64 * 1024;
+  static constexpr std::size_t defaultBodyLimit = 16 * 1024 * 1024;
+
+  explicit http_response_reader(std::size_t headerLimit = defaultHeaderLimit,
+                                std::size_t bodyLimit = defaultBodyLimit);
+
+  // Takes the next bytes of the connection. Bytes after a complete response are dropped, and the
+  // connection is then not reused.
+  state feed(std::string_view bytes);
+  // The connection has ended: completes a body that runs to the close, fails anything else that
+  // is unfinished.
+  state finish();
+
+  state current() const { return state_; }
+  bool receivedAnything() const { return received_ > 0; }
+  int statusCode() const { return status_; }
+  const std::string& reason() const { return reason_; }
+  const std::string& body() const { return body_; }
+  // Whether the connection may carry the next request once the response is complete.
+  bool keepAlive() const { return keepAlive_; }
+  // Why the response failed, for a person to act on.
+  const std::string& error() const { return error_; }
+
+ private:
+  enum class phase { statusLine, headers, lengthBody, chunkSize, chunkData, chunkEnd, trailers,
+                     toClose, done };
+
+  state fail(std::string why);
+  bool takeLine(std::string_view& bytes, std::string& line);
+  state headerLine(const std::string& line);
+  state headersDone();
+  state chunkSizeLine(const std::string& line);
+  bool appendBody(std::string_view bytes);
+
+  const std::size_t headerLimit_;
+  const std::size_t bodyLimit_;
+  state state_ = state::reading;
+  phase phase_ = phase::statusLine;
+  std::size_t received_ = 0;
+  std::size_t headerBytes_ = 0;
+  std::string line_;  // the unfinished line
+  int status_ = 0;
+  bool http10_ = false;
+  std::string reason_;
+  bool keepAlive_ = true;
+  bool sawConnectionHeader_ = false;
+  bool chunked_ = false;
+  bool hasLength_ = false;
+  std::uint64_t length_ = 0;  // Content-Length, then the bytes left of the body or chunk
+  std::string body_;
+  std::string error_;
+};
+
+}  // namespace com::orvex::engine
+
+#endif  // VIGILO_OVCLIENT_HTTP_RESPONSE_READER_H_

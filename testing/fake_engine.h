@@ -1,0 +1,65 @@
+// Test support: a scripted engine on loopback. A thread accepts connections on an ephemeral port
+// and answers each HTTP request with whatever the script returns for it: well-formed or broken
+// responses, a close after the answer, or no answer at all.
+#ifndef VIGILO_TESTING_FAKE_ENGINE_H_
+#define VIGILO_TESTING_FAKE_ENGINE_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vigilo::test_support {
+
+struct fake_reply {
+  std::string bytes;        // sent as they are
+  bool closeAfter = false;  // close the connection once sent
+  bool silent = false;      // send nothing and keep the connection open
+};
+
+// A complete response with a Content-Length body.
+fake_reply httpReply(int status, const std::string& reason, const std::string& body,
+                     const std::string& extraHeaders = "");
+// A 200 response carrying a status document built from the pairs (keys and values as JSON
+// strings, escaped).
+fake_reply statusReply(const std::vector<std::pair<std::string, std::string>>& pairs);
+
+class fake_engine {
+ public:
+  // Called on the engine's thread for every request: its path and its number, counted from 0.
+  using script = std::function<fake_reply(const std::string& path, int request)>;
+
+  // Listens on `address` ("127.0.0.1" or "::1") at an ephemeral port.
+  explicit fake_engine(script answer, const std::string& address = "127.0.0.1");
+  ~fake_engine();
+
+  unsigned short port() const { return port_; }
+  int connectionsAccepted() const { return accepted_; }
+  int requestsSeen() const { return requests_; }
+  // Closes every open client connection, as an engine does with idle kept-alive ones; returns
+  // once they are closed.
+  void closeConnections();
+
+ private:
+  void run();
+
+  script answer_;
+  int listenFd_ = -1;
+  int wakeFds_[2] = {-1, -1};
+  unsigned short port_ = 0;
+  std::atomic<int> accepted_{0};
+  std::atomic<int> requests_{0};
+  std::mutex mutex_;
+  std::condition_variable done_;
+  int closeRequests_ = 0;
+  int closesDone_ = 0;
+  bool stop_ = false;
+  std::thread thread_;
+};
+
+}  // namespace vigilo::test_support
+
+#endif  // VIGILO_TESTING_FAKE_ENGINE_H_
