@@ -8,7 +8,7 @@ packages=(
   cmake ninja-build g++ clang-14 libclang-rt-14-dev llvm-14
   libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcpp-httplib-dev
-  git python3 valgrind curl procps
+  pkg-config git python3 valgrind curl procps
 )
 
 missing=()

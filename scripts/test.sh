@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
 
-for preset in default asan; do
+for preset in default asan tsan; do
   echo "== $preset build" >&2
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"

@@ -1,0 +1,91 @@
+// ovengine under load: status requests per second served to one poller while the engine ingests
+// events at a stated rate, and the highest generated event rate that the engine keeps up with
+// (processed events follow the rate and the queues stay short). Prints one table.
+//
+//   build/bin/engine_bench [seconds per step]
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "platform/engine_client.h"
+#include "status/EngineStatus.h"
+#include "testing/process.h"
+
+namespace {
+
+using namespace com::orvex::engine;
+using vigilo::test_support::child_process;
+using clock_type = std::chrono::steady_clock;
+
+struct engine_run {
+  std::unique_ptr<child_process> process;
+  EngineManagement* connection = nullptr;
+
+  explicit engine_run(double load) {
+    process = std::make_unique<child_process>(std::vector<std::string>{
+        OVENGINE_BINARY, "--port", "0", "--load", std::to_string(load)});
+    const std::string banner = "ovengine listening on 127.0.0.1:";
+    process->waitForOut("\n", std::chrono::seconds(10));
+    const int port = std::stoi(process->out().substr(process->out().find(banner) + banner.size()));
+    connection = connectToEngineMonitorOnly("127.0.0.1", static_cast<unsigned short>(port), nullptr);
+  }
+  ~engine_run() { disconnectFromEngine(connection); }
+
+  std::pair<std::uint64_t, std::uint64_t> processedAndQueued() {
+    EngineStatus s = getEngineStatus(connection);
+    return {s.getStatusInteger("numProcessed"),
+            s.getStatusInteger("numQueuedInput") + s.getStatusInteger("numInputQueuedInput")};
+  }
+};
+
+double statusRequestsPerSecond(double load, double seconds) {
+  engine_run run(load);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // let the load settle
+  const auto start = clock_type::now();
+  const auto end = start + std::chrono::duration<double>(seconds);
+  long requests = 0;
+  while (clock_type::now() < end) {
+    EngineStatus s = getEngineStatus(run.connection);
+    ++requests;
+  }
+  return requests / std::chrono::duration<double>(clock_type::now() - start).count();
+}
+
+// The processed rate over the step, and whether the queues stayed short.
+std::pair<double, bool> sustained(double load, double seconds) {
+  engine_run run(load);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const auto [before, queuedBefore] = run.processedAndQueued();
+  const auto start = clock_type::now();
+  std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+  const auto [after, queuedAfter] = run.processedAndQueued();
+  const double elapsed = std::chrono::duration<double>(clock_type::now() - start).count();
+  const double rate = static_cast<double>(after - before) / elapsed;
+  return {rate, rate >= 0.95 * load && queuedAfter < load / 10 + 1000};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const double seconds = argc > 1 ? std::atof(argv[1]) : 2.0;
+  engineInit("engine_bench");
+  std::printf("%-34s %14s\n", "status requests, one poller", "requests/s");
+  for (const double load : {0.0, 10000.0, 100000.0}) {
+    std::printf("  while ingesting %9.0f ev/s  %14.0f\n", load,
+                statusRequestsPerSecond(load, seconds));
+  }
+  std::printf("\n%-20s %16s %10s\n", "generated ev/s", "processed ev/s", "keeps up");
+  double best = 0;
+  for (double load = 50000; load <= 6400000; load *= 2) {
+    const auto [rate, ok] = sustained(load, seconds);
+    std::printf("%-20.0f %16.0f %10s\n", load, rate, ok ? "yes" : "no");
+    if (!ok) break;
+    best = load;
+  }
+  std::printf("\nhighest sustained generated rate: %.0f ev/s\n", best);
+  engineShutdown();
+  return 0;
+}

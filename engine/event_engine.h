@@ -1,0 +1,96 @@
+// The processing core of ovengine: received events wait on the input queue, a router thread hands
+// each to the context that owns its type, every context is a thread with its own input queue that
+// processes events and emits one output event each, and a sender thread delivers output events to
+// the engine's one receiver. One lock guards every queue and counter, so a snapshot is consistent:
+// nothing is counted twice and nothing is processed before it was received.
+#ifndef VIGILO_ENGINE_EVENT_ENGINE_H_
+#define VIGILO_ENGINE_EVENT_ENGINE_H_
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace ovengine {
+
+struct event {
+  std::string type;
+  std::string fields;
+};
+
+using status_pairs = std::vector<std::pair<std::string, std::string>>;
+
+class event_engine {
+ public:
+  static constexpr std::size_t inputCapacity = 1'000'000;
+
+  // Starts the router, `contexts` context threads and the sender.
+  explicit event_engine(int contexts);
+  // Stops and joins every thread; queued events are dropped.
+  ~event_engine();
+  event_engine(const event_engine&) = delete;
+  event_engine& operator=(const event_engine&) = delete;
+
+  // Queues events for processing. False, with nothing queued, when the input queue cannot take
+  // them all. Thread-safe.
+  bool submit(std::vector<event> events);
+  // Waits until the input queue can take `count` more events, then queues them; false once the
+  // engine stops. For the load generator.
+  bool submitWaiting(std::vector<event> events);
+
+  // Every standard status value, then "user-KEY" for each user value in the order set.
+  status_pairs snapshot() const;
+
+  // Sets a user value; an existing key keeps its place. Thread-safe.
+  void setUserStatus(const std::string& key, const std::string& value);
+  // False when the key is not set.
+  bool removeUserStatus(const std::string& key);
+
+  std::uint64_t uptimeMs() const;
+
+ private:
+  struct context {
+    std::string name;
+    std::deque<event> queue;
+    std::condition_variable wake;
+    std::thread thread;
+  };
+
+  void routeEvents();
+  void processEvents(context& self);
+  void sendEvents();
+
+  const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+  mutable std::mutex mutex_;
+  std::condition_variable routerWake_;
+  std::condition_variable senderWake_;
+  std::condition_variable spaceFreed_;
+  bool stopping_ = false;
+
+  std::deque<event> input_;
+  std::size_t routing_ = 0;  // taken off the input queue by the router, not yet handed over
+  std::vector<std::unique_ptr<context>> contexts_;
+  std::deque<event> output_;
+  std::set<std::string> types_;
+  status_pairs user_;
+
+  std::uint64_t received_ = 0;
+  std::uint64_t routed_ = 0;
+  std::uint64_t processed_ = 0;
+  std::uint64_t emitted_ = 0;
+  std::uint64_t sent_ = 0;
+
+  std::thread router_;
+  std::thread sender_;
+};
+
+}  // namespace ovengine
+
+#endif  // VIGILO_ENGINE_EVENT_ENGINE_H_

@@ -1,0 +1,121 @@
+// ovengine: a real event-processing engine for vigilo to watch.
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <iostream>
+#include <thread>
+
+#include <httplib.h>
+
+#include "engine_options.h"
+#include "event_engine.h"
+#include "http_api.h"
+
+namespace {
+
+// Generates events at a steady rate, in a batch every 10 ms, until the engine stops.
+void generateLoad(ovengine::event_engine& engine, double perSecond, const bool& stop,
+                  std::mutex& mutex) {
+  static const char* const types[] = {"Trade", "Quote", "Order", "Cancel", "Fill"};
+  const auto tick = std::chrono::milliseconds(10);
+  auto next = std::chrono::steady_clock::now();
+  double owed = 0;
+  std::uint64_t sequence = 0;
+  for (;;) {
+    next += tick;
+    std::this_thread::sleep_until(next);
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      if (stop) return;
+    }
+    owed += perSecond / 100.0;
+    const auto count = static_cast<std::size_t>(std::floor(owed));
+    owed -= static_cast<double>(count);
+    std::vector<ovengine::event> batch;
+    batch.reserve(count);
+    for (std::size_t i = 0; i < count; ++i, ++sequence) {
+      batch.push_back({types[sequence % 5], "id=" + std::to_string(sequence) + ",qty=100"});
+    }
+    if (!batch.empty() && !engine.submitWaiting(std::move(batch))) return;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ovengine::engine_options options;
+  std::string error;
+  if (!ovengine::parseEngineOptions(argc, argv, options, error)) {
+    std::cerr << "ovengine: " << error << "\n\n" << ovengine::engineUsage;
+    return 2;
+  }
+  if (options.help) {
+    std::cout << ovengine::engineUsage;
+    return 0;
+  }
+
+  // SIGINT and SIGTERM are taken by a thread of their own, so that the stop runs outside signal
+  // context; every thread started from here on inherits the mask.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+
+  ovengine::event_engine engine(options.contexts);
+  for (const auto& [key, value] : options.userStatus) engine.setUserStatus(key, value);
+
+  httplib::Server server;
+  ovengine::configureServer(server);
+  const int port = options.port == 0 ? server.bind_to_any_port(options.bind)
+                                     : (server.bind_to_port(options.bind, options.port)
+                                            ? options.port
+                                            : -1);
+  if (port <= 0) {
+    std::cerr << "ovengine: cannot listen on " << options.bind << ":" << options.port << "\n";
+    return 1;
+  }
+  ovengine::installRoutes(server, engine, port);
+
+  std::atomic<bool> serving{true};
+  std::thread stopper([&server, &stopSignals, &serving] {
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+    // A stop that comes before the server runs would be lost: wait until it does.
+    while (serving && !server.is_running()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    server.stop();
+  });
+
+  std::mutex loadMutex;
+  bool loadStop = false;
+  std::thread load;
+  if (options.load > 0) {
+    load = std::thread(generateLoad, std::ref(engine), options.load, std::cref(loadStop),
+                       std::ref(loadMutex));
+  }
+
+  std::cout << "ovengine listening on " << options.bind << ":" << port << std::endl;
+  const bool served = server.listen_after_bind();
+  serving = false;
+  pthread_kill(stopper.native_handle(), SIGTERM);  // wakes the stopper if no signal came
+
+  {
+    std::lock_guard<std::mutex> lock(loadMutex);
+    loadStop = true;
+  }
+  if (load.joinable()) load.join();
+  stopper.join();
+  if (!served) {
+    std::cerr << "ovengine: the server failed\n";
+    return 1;
+  }
+  std::cout << "ovengine stopped" << std::endl;
+  return 0;
+}
