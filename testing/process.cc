@@ -4,10 +4,12 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <stdexcept>
 
@@ -140,6 +142,19 @@ bool child_process::waitForOut(const std::string& text, std::chrono::millisecond
   }, timeout);
 }
 
+bool child_process::waitUntilWaiting(std::chrono::milliseconds timeout) {
+  const std::string syscallPath = "/proc/" + std::to_string(pid_) + "/syscall";
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  constexpr int futexSyscall = 202;  // x86_64
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::ifstream file(syscallPath);
+    int number = -1;
+    if (file >> number && number == futexSyscall) return true;
+    pump(1);
+  }
+  return false;
+}
+
 void child_process::signal(int sig) {
   if (pid_ > 0) kill(pid_, sig);
 }
@@ -155,8 +170,10 @@ run_result child_process::finish(std::chrono::milliseconds timeout) {
   run_result result;
   int wstatus = 0;
   if (outFd_ >= 0 || errFd_ >= 0) kill(pid_, SIGKILL);  // still writing past the bound
-  waitpid(pid_, &wstatus, 0);
+  rusage usage{};
+  wait4(pid_, &wstatus, 0, &usage);
   pid_ = -1;
+  result.maxRssKb = usage.ru_maxrss;
   result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
   result.out = out_;
   result.err = err_;

@@ -17,6 +17,7 @@ struct run_result {
   std::string out;
   std::string err;
   int status = -1;  // exit status, or 128 + signal number when killed by a signal
+  long maxRssKb = 0;  // the child's peak resident memory
 };
 
 class child_process {
@@ -40,6 +41,10 @@ class child_process {
                std::chrono::milliseconds timeout);
   bool waitForErr(const std::string& text, std::chrono::milliseconds timeout);
   bool waitForOut(const std::string& text, std::chrono::milliseconds timeout);
+
+  // Waits until the child's main thread sleeps in a futex wait (a condition or lock wait), as
+  // /proc shows it; false after `timeout`.
+  bool waitUntilWaiting(std::chrono::milliseconds timeout);
 
   void signal(int sig);
   // Closes our end of the child's stdout pipe, as a reader that goes away would.

@@ -9,6 +9,7 @@
 #include "client_status.h"
 #include "http_connection.h"
 #include "platform/EngineException.h"
+#include "platform/log.h"
 #include "status_document.h"
 
 namespace com::orvex::engine {
@@ -36,9 +37,10 @@ void engineInit(const char* programName) {
     throw EngineException("engineInit needs a program name");
   }
   userAgent = std::string(programName) + " (ovclient)";
+  logLine(LogLevel::info, "engine client initialised for " + std::string(programName));
 }
 
-void engineShutdown() {}
+void engineShutdown() { logLine(LogLevel::info, "engine client shut down"); }
 
 EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short port,
                                              const char* /*reserved*/) {
@@ -52,10 +54,15 @@ EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short po
     throw EngineException("Could not connect to engine at " + management->connection.where() +
                           ": " + e.what());
   }
+  logLine(LogLevel::info, "connected to engine at " + management->connection.where());
   return management.release();
 }
 
-void disconnectFromEngine(EngineManagement* management) { delete management; }
+void disconnectFromEngine(EngineManagement* management) {
+  if (management == nullptr) return;
+  logLine(LogLevel::info, "disconnected from engine at " + management->connection.where());
+  delete management;
+}
 
 }  // namespace com::orvex::engine
 
@@ -63,9 +70,14 @@ using com::orvex::engine::EngineManagement;
 
 extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* management,
                                                           char** error) {
+  using namespace com::orvex;
   using namespace com::orvex::engine;
   try {
     const http_response response = management->connection.get("/status");
+    if (logEnabled(LogLevel::debug)) {
+      logLine(LogLevel::debug, answered("/status", response) + ", " +
+                                   std::to_string(response.body.size()) + " bytes");
+    }
     if (response.status / 100 != 2) throw std::runtime_error(answered("/status", response));
     status_pairs pairs;
     std::string why;

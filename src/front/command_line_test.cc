@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "front/build_info.h"
+#include "testing/expected_outputs.h"
 #include "testing/process.h"
 
 namespace {
@@ -43,11 +44,8 @@ const std::string usageText =
     "\n";
 
 const std::string headingBlock =
-    "Column headings in raw mode excluding user columns are: \n"
-    "Uptime (ms),# Contexts,# Monitors,# Sub-monitors,# Java apps,# Listeners,# Sub-listeners,"
-    "# Event types,Input queue,# Received events,Route queue,# Routed events,# Consumers,"
-    "Output queue,# Created output events,# Sent output events,# Processed events,"
-    "Slowest context name,Slowest context queue size,Slowest receiver,Slowest receiver queue\n";
+    "Column headings in raw mode excluding user columns are: \n" +
+    vigilo::test_support::rawHeading + "\n";
 
 const std::string portBlock = "\nPort number must be between 1 and 65535\n\n";
 

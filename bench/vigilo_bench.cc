@@ -1,0 +1,148 @@
+// vigilo against a real ovengine, each figure beside its baseline in one run:
+//   - polls per second at -i 0 in raw mode, beside bare HTTP requests over one connection;
+//   - time from SIGINT to exit while vigilo waits between polls;
+//   - wall time and peak memory of `vigilo -o`, beside curl fetching the same document.
+//
+//   build/bin/vigilo_bench [seconds]
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "testing/process.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using vigilo::test_support::child_process;
+using vigilo::test_support::run_result;
+using vigilo::test_support::runProcess;
+using clock_type = std::chrono::steady_clock;
+
+double secondsSince(clock_type::time_point start) {
+  return std::chrono::duration<double>(clock_type::now() - start).count();
+}
+
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+// Requests per second of GET /status on one kept-alive raw socket, reading each response whole.
+double bareRequestsPerSecond(int port, double seconds) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<unsigned short>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  const int one = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  const std::string request = "GET /status HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+  long requests = 0;
+  const auto start = clock_type::now();
+  std::string response;
+  char buffer[65536];
+  while (secondsSince(start) < seconds) {
+    send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+    response.clear();
+    std::size_t headerEnd = std::string::npos, total = 0;
+    for (;;) {
+      const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
+      if (n <= 0) return 0;
+      response.append(buffer, static_cast<std::size_t>(n));
+      if (headerEnd == std::string::npos && (headerEnd = response.find("\r\n\r\n")) != std::string::npos) {
+        const auto at = response.find("Content-Length: ");
+        total = headerEnd + 4 + std::stoul(response.substr(at + 16));
+      }
+      if (headerEnd != std::string::npos && response.size() >= total) break;
+    }
+    ++requests;
+  }
+  close(fd);
+  return requests / secondsSince(start);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const double seconds = argc > 1 ? std::atof(argv[1]) : 2.0;
+  child_process engine({OVENGINE_BINARY, "--port", "0", "--load", "10000", "--user-status",
+                        "region=emea"});
+  engine.waitForOut("\n", 10s);
+  const std::string banner = "ovengine listening on 127.0.0.1:";
+  const int port = std::stoi(engine.out().substr(engine.out().find(banner) + banner.size()));
+  const std::string portText = std::to_string(port);
+  const std::vector<std::string> vigilo = {VIGILO_BINARY, "-n", "127.0.0.1", "-p", portText};
+
+  // Polls per second.
+  std::vector<std::string> fast = vigilo;
+  fast.insert(fast.end(), {"-r", "-a", "-i", "0"});
+  child_process polling(fast);
+  polling.waitForOut("\n", 10s);
+  const std::size_t before = std::count(polling.out().begin(), polling.out().end(), '\n');
+  const auto start = clock_type::now();
+  polling.waitFor([](const std::string&, const std::string&) { return false; },
+                  std::chrono::milliseconds(static_cast<long>(seconds * 1000)));
+  const std::size_t after = std::count(polling.out().begin(), polling.out().end(), '\n');
+  const double polls = static_cast<double>(after - before) / secondsSince(start);
+  polling.signal(SIGINT);
+  polling.finish(10s);
+  const double bare = bareRequestsPerSecond(port, seconds);
+  std::printf("%-44s %12.0f\n", "vigilo -r -a -i 0, polls/s", polls);
+  std::printf("%-44s %12.0f\n", "bare GET /status on one connection, req/s", bare);
+  std::printf("%-44s %12.2f\n\n", "ratio vigilo / bare", polls / bare);
+
+  // SIGINT to exit, while waiting.
+  std::vector<double> exitMs;
+  std::vector<std::string> waiting = vigilo;
+  waiting.insert(waiting.end(), {"-r", "-i", "60000"});
+  for (int i = 0; i < 11; ++i) {
+    child_process watch(waiting);
+    watch.waitForOut("\n", 10s);
+    watch.waitUntilWaiting(10s);
+    const auto sent = clock_type::now();
+    watch.signal(SIGINT);
+    watch.finish(10s);
+    exitMs.push_back(secondsSince(sent) * 1000);
+  }
+  std::printf("%-44s %12.2f\n", "SIGINT to exit during a wait, median ms", median(exitMs));
+  std::printf("%-44s %12.2f\n\n", "SIGINT to exit during a wait, worst ms",
+              *std::max_element(exitMs.begin(), exitMs.end()));
+
+  // One poll, beside curl.
+  std::vector<std::string> once = vigilo;
+  once.push_back("-o");
+  const std::vector<std::string> curl = {"/usr/bin/curl", "-s", "-o", "/dev/null",
+                                         "http://127.0.0.1:" + portText + "/status"};
+  std::vector<double> vigiloMs, curlMs;
+  long vigiloRss = 0, curlRss = 0;
+  for (int i = 0; i < 21; ++i) {
+    auto t = clock_type::now();
+    const run_result v = runProcess(once, {}, 10s);
+    vigiloMs.push_back(secondsSince(t) * 1000);
+    vigiloRss = std::max(vigiloRss, v.maxRssKb);
+    t = clock_type::now();
+    const run_result c = runProcess(curl, {}, 10s);
+    curlMs.push_back(secondsSince(t) * 1000);
+    curlRss = std::max(curlRss, c.maxRssKb);
+  }
+  std::printf("%-44s %12.2f\n", "vigilo -o wall time, median ms", median(vigiloMs));
+  std::printf("%-44s %12.2f\n", "curl of the same document, median ms", median(curlMs));
+  std::printf("%-44s %12.2f\n", "ratio vigilo / curl", median(vigiloMs) / median(curlMs));
+  std::printf("%-44s %12ld\n", "vigilo -o peak memory, KiB", vigiloRss);
+  std::printf("%-44s %12ld\n", "curl peak memory, KiB", curlRss);
+  std::printf("%-44s %12.2f\n", "ratio vigilo / curl", static_cast<double>(vigiloRss) / curlRss);
+  engine.signal(SIGTERM);
+  engine.finish(10s);
+  return 0;
+}

@@ -1,0 +1,95 @@
+#include "platform/threads.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "platform/EngineException.h"
+
+namespace com::orvex {
+
+namespace {
+
+[[noreturn]] void fail(const char* what, int error) {
+  throw EngineException(std::string(what) + ": " + std::strerror(error));
+}
+
+void* runHelper(void* raw) {
+  std::unique_ptr<ThreadHelper> helper(static_cast<ThreadHelper*>(raw));
+  return helper->run();
+}
+
+}  // namespace
+
+Mutex::Mutex(const char* name) : name_(name) {
+  const int rc = pthread_mutex_init(&mutex_, nullptr);
+  if (rc != 0) fail("cannot create mutex", rc);
+}
+
+Mutex::~Mutex() { pthread_mutex_destroy(&mutex_); }
+
+void Mutex::lock() {
+  const int rc = pthread_mutex_lock(&mutex_);
+  if (rc != 0) fail("cannot lock mutex", rc);
+}
+
+void Mutex::unlock() { pthread_mutex_unlock(&mutex_); }
+
+Condition::Condition(Mutex& mutex) : mutex_(mutex) {
+  pthread_condattr_t attributes;
+  pthread_condattr_init(&attributes);
+  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+  const int rc = pthread_cond_init(&condition_, &attributes);
+  pthread_condattr_destroy(&attributes);
+  if (rc != 0) fail("cannot create condition", rc);
+}
+
+Condition::~Condition() { pthread_cond_destroy(&condition_); }
+
+bool Condition::timedwait(std::uint64_t deadlineMs) {
+  timespec deadline;
+  deadline.tv_sec = static_cast<time_t>(deadlineMs / 1000);
+  deadline.tv_nsec = static_cast<long>(deadlineMs % 1000) * 1000000L;
+  return pthread_cond_timedwait(&condition_, &mutex_.mutex_, &deadline) != ETIMEDOUT;
+}
+
+void Condition::wait() { pthread_cond_wait(&condition_, &mutex_.mutex_); }
+void Condition::signal() { pthread_cond_signal(&condition_); }
+void Condition::broadcast() { pthread_cond_broadcast(&condition_); }
+
+Semaphore::Semaphore(unsigned count) {
+  if (sem_init(&semaphore_, 0, count) != 0) fail("cannot create semaphore", errno);
+}
+
+Semaphore::~Semaphore() { sem_destroy(&semaphore_); }
+
+void Semaphore::post() { sem_post(&semaphore_); }
+
+void Semaphore::wait() {
+  while (sem_wait(&semaphore_) != 0 && errno == EINTR) {
+  }
+}
+
+std::uint64_t Thread::createThread(ThreadHelper* helper, bool detached,
+                                   const ThreadAttributes& attributes) {
+  std::unique_ptr<ThreadHelper> owned(helper);
+  if (detached) throw EngineException("threads of this library are always joinable");
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  if (attributes.stackSize != 0) pthread_attr_setstacksize(&attr, attributes.stackSize);
+  pthread_t thread;
+  const int rc = pthread_create(&thread, &attr, runHelper, owned.get());
+  pthread_attr_destroy(&attr);
+  if (rc != 0) fail("cannot start thread", rc);
+  owned.release();  // the thread deletes it
+  return static_cast<std::uint64_t>(thread);
+}
+
+void Thread::joinThread(std::uint64_t handle) {
+  const int rc = pthread_join(static_cast<pthread_t>(handle), nullptr);
+  if (rc != 0) fail("cannot join thread", rc);
+}
+
+}  // namespace com::orvex

@@ -1,0 +1,133 @@
+#include "watch/vigil_core.h"
+
+#include <iomanip>
+#include <iostream>
+#include <new>
+#include <sstream>
+
+#include "front/version.h"
+#include "platform/Platform.h"
+#include "platform/memory.h"
+#include "platform/signals.h"
+#include "platform/threads.h"
+#include "status/EngineStatus.h"
+#include "status/status_catalogue.h"
+#include "status/user_pairs.h"
+#include "watch/vigil_core_sighandler.h"
+
+using com::orvex::Condition;
+using com::orvex::Mutex;
+using com::orvex::Platform;
+using com::orvex::engine::EngineStatus;
+using com::orvex::engine::getEngineStatus;
+
+namespace {
+
+constexpr int sigint = 2;
+
+// The mutex comes from the library's own allocator and is never released: the broadcast thread
+// and the signal path may use it until the process ends.
+Mutex* newPollMutex() {
+  if (!Platform::determined_optimal_allocator) Platform::doDetermineAllocator();
+  void* block = Platform::tracking.allocate(sizeof(Mutex));
+  if (block == nullptr) ov_outOfMemory();
+  return new (block) Mutex("vigil_core::pollForStatus");
+}
+
+// "2000.00 ev/s": events processed per second over the configured interval.
+std::string rateText(std::uint64_t current, std::uint64_t previous, std::uint64_t interval) {
+  std::ostringstream text;
+  text << std::fixed << std::setprecision(2)
+       << static_cast<double>(current - previous) / (static_cast<double>(interval) / 1000.0)
+       << " ev/s";
+  return text.str();
+}
+
+}  // namespace
+
+vigil_core::vigil_core(com::orvex::engine::EngineManagement* management, unsigned long interval,
+                       std::ostream& out, bool verbose, bool raw, bool raw_header, bool userStat,
+                       int numLoops)
+    : management(management),
+      interval(interval),
+      out(out),
+      verbose(verbose),
+      raw(raw),
+      userStat(userStat),
+      numLoops(numLoops),
+      raw_header(raw_header) {
+  if (verbose) std::cerr << vigilo::programName << " starting..." << std::endl;
+}
+
+vigil_core::~vigil_core() {
+  if (verbose) std::cerr << vigilo::programName << " done" << std::endl;
+}
+
+void vigil_core::pollForStatus() {
+  Mutex* pollMutex = newPollMutex();
+  auto* pollCondition = new Condition(*pollMutex);
+  bool* stopFlag = new bool(false);
+  SigHandler = new vigil_core_sighandler(pollMutex, pollCondition, stopFlag);
+  com::orvex::signals_initialize2(nullptr, SigHandler, vigilo::productVersionLine);
+  com::orvex::setupHandler(sigint, SigIntHandler);
+  if (numLoops != 1) std::cerr << "Control-C to exit..." << std::endl;
+
+  try {
+    if (raw_header && raw) {
+      const EngineStatus heading = getEngineStatus(management);
+      out << (userStat ? heading.getRawHeaderAll() : EngineStatus::getRawHeader()) << std::endl;
+    }
+
+    std::int32_t polls = 0;
+    bool firstPoll = true;
+    std::uint64_t previousProcessed = 0;
+    for (;;) {
+      const EngineStatus status = getEngineStatus(management);
+      if (raw && !userStat) {
+        out << status.getStandardStatusValuesRaw() << std::endl;
+      } else if (raw) {
+        std::ostringstream line;
+        line << status.getStandardStatusValuesRaw();
+        com::orvex::engine::forEachUserPair(
+            status, [&line](const std::string&, const std::string& value) { line << ',' << value; });
+        out << line.str() << std::endl;
+      } else {
+        if (userStat) {
+          out << status.getAllStatusValues() << std::endl;
+        } else {
+          std::ostringstream text;
+          text << status;
+          out << text.str() << std::endl;
+        }
+        const std::uint64_t processed =
+            status.getStatusInteger(com::orvex::engine::processedRow.key);
+        out << "Event rate over last interval: "
+            << (!firstPoll && interval != 0 ? rateText(processed, previousProcessed, interval)
+                                            : "-")
+            << std::endl;
+        out << std::endl;
+        previousProcessed = processed;
+        firstPoll = false;
+      }
+
+      if (out.bad() || out.fail()) {
+        std::cerr << "Failed to write status to output." << std::endl;
+        break;
+      }
+      ++polls;
+      if (numLoops > 0 && polls >= numLoops) break;
+
+      // The stop flag is read only after the wait: a Control-C during a fetch or a write ends
+      // the watch once the next wait has run its course, and no further poll is made.
+      pollMutex->lock();
+      pollCondition->timedwait(Platform::sysTime() + interval);
+      const bool stop = *stopFlag;
+      pollMutex->unlock();
+      if (stop) break;
+    }
+  } catch (...) {
+    SigHandler->cleanup();
+    throw;
+  }
+  SigHandler->cleanup();
+}
