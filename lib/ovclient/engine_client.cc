@@ -10,6 +10,7 @@
 #include "http_connection.h"
 #include "platform/EngineException.h"
 #include "platform/log.h"
+#include "platform/memory.h"
 #include "status_document.h"
 
 namespace com::orvex::engine {
@@ -40,7 +41,16 @@ void engineInit(const char* programName) {
   logLine(LogLevel::info, "engine client initialised for " + std::string(programName));
 }
 
-void engineShutdown() { logLine(LogLevel::info, "engine client shut down"); }
+void engineShutdown() {
+  if (checkMemoryTrackingEnabled() && logEnabled(LogLevel::debug)) {
+    const std::uint64_t allocated = memoryAllocatedTotal();
+    const std::uint64_t freed = memoryFreedTotal();
+    logLine(LogLevel::debug, "memory: " + std::to_string(allocated) + " bytes allocated, " +
+                                 std::to_string(freed) + " freed, " +
+                                 std::to_string(allocated - freed) + " still held");
+  }
+  logLine(LogLevel::info, "engine client shut down");
+}
 
 EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short port,
                                              const char* /*reserved*/) {

@@ -13,6 +13,7 @@
 #include "platform/Platform.h"
 #include "platform/engine_client.h"
 #include "platform/log.h"
+#include "support/allocation.h"
 #include "watch/vigil_core.h"
 
 using com::orvex::EngineException;
@@ -113,6 +114,7 @@ int watch() {
 }  // namespace
 
 int ov_main(int argc, char** argv) {
+  ov_installOutOfMemoryCatcher();
   switch (vigilo::parseOptions(argc, argv)) {
     case vigilo::parse_outcome::usage_error:
       vigilo::printUsage();

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -288,6 +289,32 @@ TEST(VigiloTest, EngineDyingMidWatch) {
   EXPECT_TRUE(std::regex_match(result.err.substr(prefix.size()), causes)) << result.err;
   EXPECT_TRUE(std::regex_match(result.out, std::regex("(" + realRawLine + "\n)+"))) << result.out;
 }
+
+#ifdef VIGILO_OWN_ALLOCATOR
+// With memory tracking, the bytes still held when the library shuts down are the same after one
+// poll as after hundreds: nothing accumulates per poll.
+TEST(VigiloTest, TrackedMemoryDoesNotGrowWithPolls) {
+  auto heldAfter = [](int polls, std::vector<std::string> args) {
+    fake_engine engine(engineScript([polls](int n) {
+      return n < polls ? catalogueDocument(n, users) : httpReply(500, "Internal Server Error", "");
+    }));
+    args.insert(args.end(), {"-v", "-v", "-r", "-a", "-t", "-i", "0"});
+    const auto result =
+        runProcess(vigilo(engine.port(), args), {{"ORVEX_MEMORY_TRACKING=1"}, ""}, bound);
+    std::smatch match;
+    const std::regex line(R"(DEBUG memory: (\d+) bytes allocated, (\d+) freed, (\d+) still held)");
+    EXPECT_TRUE(std::regex_search(result.err, match, line)) << result.err;
+    if (match.empty()) return 0LL;
+    EXPECT_EQ(std::stoull(match[1]) - std::stoull(match[2]), std::stoull(match[3]));
+    EXPECT_GT(std::stoull(match[1]), 100000ULL * (polls > 1));  // the polls were counted
+    return std::stoll(match[3]);
+  };
+  const long long once = heldAfter(1, {"-o"});
+  const long long many = heldAfter(300, {});
+  EXPECT_GT(once, 0);
+  EXPECT_LT(std::llabs(many - once), 1024) << once << " then " << many;
+}
+#endif
 
 #ifdef VIGILO_VALGRIND
 // The whole path, from argument conversion through polls and Control-C to the last release,

@@ -1,6 +1,20 @@
 // Memory accounting and the out-of-memory report of the common support library (libovcommon).
+// Every operation here is safe before the process's allocator is known: none of them allocates.
 #ifndef VIGILO_PLATFORM_MEMORY_H_
 #define VIGILO_PLATFORM_MEMORY_H_
+
+#include <cstdint>
+
+// Non-zero when the environment variable ORVEX_MEMORY_TRACKING is "1".
+extern "C" int checkMemoryTrackingEnabled();
+
+// Add to the process's totals; they return the new total. Atomic, so any thread may count.
+extern "C" std::uint64_t countMemoryAllocated(std::uint64_t bytes);
+extern "C" std::uint64_t countMemoryFreed(std::uint64_t bytes);
+
+// The totals so far.
+std::uint64_t memoryAllocatedTotal();
+std::uint64_t memoryFreedTotal();
 
 // Writes one line to stderr without allocating, then aborts. Never returns.
 [[noreturn]] void ov_outOfMemory();

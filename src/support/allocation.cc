@@ -1,0 +1,336 @@
+#include "support/allocation.h"
+
+#include <dlfcn.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/memory.h"
+
+extern "C" {
+
+malloc_fn sysmalloc = nullptr;
+calloc_fn syscalloc = nullptr;
+realloc_fn sysrealloc = nullptr;
+free_fn sysfree = nullptr;
+malloc_fn trackingmalloc = nullptr;
+calloc_fn trackingcalloc = nullptr;
+realloc_fn trackingrealloc = nullptr;
+free_fn trackingfree = nullptr;
+int recursing = 0;
+
+}  // extern "C"
+
+namespace {
+
+constexpr std::uint64_t headerBytes = 8;
+// A header with this bit set belongs to an aligned block: the word before it holds the distance
+// from the next allocator's block to the caller's address. Totals never reach 2^63.
+constexpr std::uint64_t alignedFlag = std::uint64_t{1} << 63;
+
+std::uint64_t* header(void* block) { return static_cast<std::uint64_t*>(block) - 1; }
+
+template <typename Fn>
+void lookUp(Fn& variable, const char* name, Fn own) {
+  if (variable == nullptr) variable = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+  if (variable == nullptr) variable = reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, name));
+  if (variable == own) std::abort();  // the search found this program itself
+}
+
+void* refuse() {
+  errno = ENOMEM;
+  return nullptr;
+}
+
+// Requests whose total, header included, would reach 2^63 are refused with ENOMEM and not
+// reported: no block could be that large, and the top bit of a header marks aligned blocks.
+constexpr std::uint64_t largestTotal = alignedFlag - 1;
+
+bool mallocRefused(std::size_t size) { return size > largestTotal - headerBytes; }
+
+// calloc's unit, and the units the header adds: the fewest whole units that hold 8 bytes.
+struct calloc_units {
+  std::uint64_t unit;
+  std::uint64_t extra;
+};
+
+calloc_units callocUnits(std::size_t first) {
+  if (first == 0) return {1, headerBytes};
+  return {first, (headerBytes + first - 1) / first};
+}
+
+bool callocRefused(std::size_t first, std::size_t second) {
+  const calloc_units u = callocUnits(first);
+  return second > largestTotal - u.extra || second + u.extra > largestTotal / u.unit;
+}
+
+// The next allocator's own function for the aligned family, used unchanged on the plain route.
+template <typename Fn>
+Fn nextFunction(std::atomic<Fn>& cache, const char* name) {
+  Fn fn = cache.load(std::memory_order_relaxed);
+  if (fn == nullptr) {
+    fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+    cache.store(fn, std::memory_order_relaxed);
+  }
+  return fn;
+}
+
+bool tracking() { return trackingmalloc == &track_malloc; }
+
+// An aligned block on the tracking route: room for the alignment and two words before the
+// caller's address, which is aligned and carries the flagged header.
+void* trackAligned(std::size_t alignment, std::size_t size) {
+  if (alignment < 16) alignment = 16;
+  if (alignment > largestTotal / 2 || size > largestTotal - alignment - 2 * headerBytes) {
+    return refuse();
+  }
+  const std::uint64_t total = size + alignment + 2 * headerBytes;
+  void* start = sysmalloc(total);
+  if (start == nullptr) return nullptr;
+  const auto base = reinterpret_cast<std::uintptr_t>(start) + 2 * headerBytes;
+  const std::uintptr_t aligned = (base + alignment - 1) & ~(std::uintptr_t{alignment} - 1);
+  void* block = reinterpret_cast<void*>(aligned);
+  header(block)[0] = total | alignedFlag;
+  header(block)[-1] = aligned - reinterpret_cast<std::uintptr_t>(start);
+  countMemoryAllocated(total);
+  return block;
+}
+
+// The next allocator's block under a caller's block, its total, and the caller's usable bytes.
+struct block_info {
+  void* start;
+  std::uint64_t total;
+  std::uint64_t usable;
+};
+
+block_info infoOf(void* block) {
+  const std::uint64_t word = *header(block);
+  if ((word & alignedFlag) == 0) {
+    return {header(block), word, word - headerBytes};
+  }
+  const std::uint64_t total = word & ~alignedFlag;
+  const std::uint64_t offset = header(block)[-1];
+  return {static_cast<char*>(block) - offset, total, total - offset};
+}
+
+bool isPowerOfTwo(std::size_t n) { return n != 0 && (n & (n - 1)) == 0; }
+
+void* entryResult(void* block) {
+  if (block == nullptr) ov_outOfMemory();
+  return block;
+}
+
+}  // namespace
+
+extern "C" {
+
+void lookupNextMallocs() {
+  const int trackingEnabled = checkMemoryTrackingEnabled();
+  if (sysmalloc != nullptr && sysrealloc != nullptr && syscalloc != nullptr &&
+      sysfree != nullptr) {
+    return;
+  }
+  if (recursing) std::abort();
+  recursing = 1;
+  lookUp<calloc_fn>(syscalloc, "calloc", &calloc);
+  lookUp<malloc_fn>(sysmalloc, "malloc", &malloc);
+  lookUp<free_fn>(sysfree, "free", &free);
+  lookUp<realloc_fn>(sysrealloc, "realloc", &realloc);
+  recursing = 0;
+  if (trackingEnabled) {
+    trackingmalloc = &track_malloc;
+    trackingfree = &track_free;
+    trackingcalloc = &track_calloc;
+    trackingrealloc = &track_realloc;
+  } else {
+    trackingmalloc = sysmalloc;
+    trackingfree = sysfree;
+    trackingcalloc = syscalloc;
+    trackingrealloc = sysrealloc;
+  }
+  if (sysmalloc == nullptr || sysrealloc == nullptr || syscalloc == nullptr ||
+      sysfree == nullptr) {
+    std::abort();
+  }
+}
+
+void ov_installOutOfMemoryCatcher() { lookupNextMallocs(); }
+
+void* track_malloc(std::size_t size) {
+  if (mallocRefused(size)) return refuse();
+  const std::uint64_t total = size + headerBytes;
+  void* start = sysmalloc(total);
+  if (start == nullptr) return nullptr;
+  *static_cast<std::uint64_t*>(start) = total;
+  countMemoryAllocated(total);
+  return static_cast<char*>(start) + headerBytes;
+}
+
+// The first argument is the unit and the second the number of units.
+void* track_calloc(std::size_t first, std::size_t second) {
+  if (callocRefused(first, second)) return refuse();
+  const calloc_units u = callocUnits(first);
+  const std::uint64_t units = second + u.extra;
+  void* start = syscalloc(units, u.unit);
+  if (start == nullptr) return nullptr;
+  const std::uint64_t total = units * u.unit;
+  *static_cast<std::uint64_t*>(start) = total;
+  countMemoryAllocated(total);
+  return static_cast<char*>(start) + headerBytes;
+}
+
+void* track_realloc(void* block, std::size_t size) {
+  if (mallocRefused(size)) return refuse();
+  if (block != nullptr && (*header(block) & alignedFlag) != 0) {
+    // The next allocator cannot resize from an address inside its block: move it.
+    const block_info old = infoOf(block);
+    void* moved = track_malloc(size);
+    if (moved == nullptr) return nullptr;
+    std::memcpy(moved, block, old.usable < size ? old.usable : size);
+    track_free(block);
+    return moved;
+  }
+  const std::uint64_t total = size + headerBytes;
+  void* start = nullptr;
+  if (block != nullptr) {
+    start = header(block);
+    countMemoryFreed(*header(block));
+  }
+  void* resized = sysrealloc(start, total);
+  if (resized == nullptr) return nullptr;
+  *static_cast<std::uint64_t*>(resized) = total;
+  countMemoryAllocated(total);
+  return static_cast<char*>(resized) + headerBytes;
+}
+
+void track_free(void* block) {
+  if (block == nullptr) return;
+  const block_info info = infoOf(block);
+  countMemoryFreed(info.total);
+  sysfree(info.start);
+}
+
+// The entry points.
+
+void* malloc(std::size_t size) {
+  malloc_fn impl = trackingmalloc;
+  if (impl == nullptr) {
+    lookupNextMallocs();
+    impl = trackingmalloc;
+  }
+  void* block = impl(size);
+  if (block == nullptr && tracking() && mallocRefused(size)) return nullptr;
+  return entryResult(block);
+}
+
+void* calloc(std::size_t first, std::size_t second) {
+  if (recursing) return nullptr;  // the dynamic loader asks during the lookup; it copes
+  calloc_fn impl = trackingcalloc;
+  if (impl == nullptr) {
+    lookupNextMallocs();
+    impl = trackingcalloc;
+  }
+  void* block = impl(first, second);
+  if (block == nullptr && tracking() && callocRefused(first, second)) return nullptr;
+  return entryResult(block);
+}
+
+void* realloc(void* block, std::size_t size) {
+  realloc_fn impl = trackingrealloc;
+  if (impl == nullptr) {
+    lookupNextMallocs();
+    impl = trackingrealloc;
+  }
+  void* resized = impl(block, size);
+  if (resized == nullptr && size == 0) return nullptr;  // released, as realloc(block, 0) may
+  if (resized == nullptr && tracking() && mallocRefused(size)) return nullptr;
+  return entryResult(resized);
+}
+
+void free(void* block) {
+  free_fn impl = trackingfree;
+  if (impl == nullptr) {
+    lookupNextMallocs();
+    impl = trackingfree;
+  }
+  impl(block);
+}
+
+// The aligned family: forwarded unchanged on the plain route; on the tracking route they carry a
+// header that free and realloc recognise, so that no block without one ever reaches free.
+
+int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
+  if (!isPowerOfTwo(alignment) || alignment % sizeof(void*) != 0) return EINVAL;
+  if (trackingmalloc == nullptr) lookupNextMallocs();
+  if (!tracking()) {
+    static std::atomic<int (*)(void**, std::size_t, std::size_t)> next{nullptr};
+    return nextFunction(next, "posix_memalign")(result, alignment, size);
+  }
+  void* block = trackAligned(alignment, size);
+  if (block == nullptr) return ENOMEM;
+  *result = block;
+  return 0;
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+  if (trackingmalloc == nullptr) lookupNextMallocs();
+  if (!tracking()) {
+    static std::atomic<void* (*)(std::size_t, std::size_t)> next{nullptr};
+    return nextFunction(next, "aligned_alloc")(alignment, size);
+  }
+  if (!isPowerOfTwo(alignment)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  return trackAligned(alignment, size);
+}
+
+void* memalign(std::size_t alignment, std::size_t size) {
+  if (trackingmalloc == nullptr) lookupNextMallocs();
+  if (!tracking()) {
+    static std::atomic<void* (*)(std::size_t, std::size_t)> next{nullptr};
+    return nextFunction(next, "memalign")(alignment, size);
+  }
+  if (!isPowerOfTwo(alignment)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  return trackAligned(alignment, size);
+}
+
+void* valloc(std::size_t size) {
+  if (trackingmalloc == nullptr) lookupNextMallocs();
+  if (!tracking()) {
+    static std::atomic<void* (*)(std::size_t)> next{nullptr};
+    return nextFunction(next, "valloc")(size);
+  }
+  return trackAligned(static_cast<std::size_t>(sysconf(_SC_PAGESIZE)), size);
+}
+
+void* pvalloc(std::size_t size) {
+  if (trackingmalloc == nullptr) lookupNextMallocs();
+  if (!tracking()) {
+    static std::atomic<void* (*)(std::size_t)> next{nullptr};
+    return nextFunction(next, "pvalloc")(size);
+  }
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  if (size > SIZE_MAX - page) return refuse();
+  return trackAligned(page, (size + page - 1) / page * page);
+}
+
+std::size_t malloc_usable_size(void* block) {
+  if (block == nullptr) return 0;
+  if (trackingmalloc == nullptr) lookupNextMallocs();
+  if (!tracking()) {
+    static std::atomic<std::size_t (*)(void*)> next{nullptr};
+    return nextFunction(next, "malloc_usable_size")(block);
+  }
+  return infoOf(block).usable;
+}
+
+}  // extern "C"
