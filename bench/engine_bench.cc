@@ -12,26 +12,20 @@
 
 #include "platform/engine_client.h"
 #include "status/EngineStatus.h"
-#include "testing/process.h"
+#include "testing/engine_process.h"
 
 namespace {
 
 using namespace com::orvex::engine;
-using vigilo::test_support::child_process;
 using clock_type = std::chrono::steady_clock;
 
 struct engine_run {
-  std::unique_ptr<child_process> process;
-  EngineManagement* connection = nullptr;
+  vigilo::test_support::engine_process engine;
+  EngineManagement* connection;
 
-  explicit engine_run(double load) {
-    process = std::make_unique<child_process>(std::vector<std::string>{
-        OVENGINE_BINARY, "--port", "0", "--load", std::to_string(load)});
-    const std::string banner = "ovengine listening on 127.0.0.1:";
-    process->waitForOut("\n", std::chrono::seconds(10));
-    const int port = std::stoi(process->out().substr(process->out().find(banner) + banner.size()));
-    connection = connectToEngineMonitorOnly("127.0.0.1", static_cast<unsigned short>(port), nullptr);
-  }
+  explicit engine_run(double load)
+      : engine(OVENGINE_BINARY, {"--load", std::to_string(load)}),
+        connection(connectToEngineMonitorOnly("127.0.0.1", engine.port(), nullptr)) {}
   ~engine_run() { disconnectFromEngine(connection); }
 
   std::pair<std::uint64_t, std::uint64_t> processedAndQueued() {

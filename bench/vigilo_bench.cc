@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "testing/engine_process.h"
 #include "testing/process.h"
 
 namespace {
@@ -76,11 +77,10 @@ double bareRequestsPerSecond(int port, double seconds) {
 
 int main(int argc, char** argv) {
   const double seconds = argc > 1 ? std::atof(argv[1]) : 2.0;
-  child_process engine({OVENGINE_BINARY, "--port", "0", "--load", "10000", "--user-status",
-                        "region=emea"});
-  engine.waitForOut("\n", 10s);
-  const std::string banner = "ovengine listening on 127.0.0.1:";
-  const int port = std::stoi(engine.out().substr(engine.out().find(banner) + banner.size()));
+  vigilo::test_support::engine_process started(OVENGINE_BINARY,
+                                               {"--load", "10000", "--user-status", "region=emea"});
+  child_process& engine = started.process();
+  const int port = started.port();
   const std::string portText = std::to_string(port);
   const std::vector<std::string> vigilo = {VIGILO_BINARY, "-n", "127.0.0.1", "-p", portText};
 

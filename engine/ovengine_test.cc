@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "status/status_catalogue.h"
+#include "testing/engine_process.h"
 #include "testing/process.h"
 
 namespace {
@@ -21,20 +22,11 @@ using pairs = std::vector<std::pair<std::string, std::string>>;
 
 class running_engine {
  public:
-  explicit running_engine(std::vector<std::string> extra = {}) {
-    std::vector<std::string> argv = {OVENGINE_BINARY, "--port", "0"};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    process = std::make_unique<child_process>(argv);
-    const std::string banner = "ovengine listening on 127.0.0.1:";
-    EXPECT_TRUE(process->waitFor(
-        [&](const std::string& out, const std::string&) {
-          return out.find(banner) != std::string::npos && out.find('\n') != std::string::npos;
-        },
-        std::chrono::seconds(10)))
-        << process->err();
-    port = std::stoi(process->out().substr(process->out().find(banner) + banner.size()));
-    client = std::make_unique<httplib::Client>("127.0.0.1", port);
-  }
+  explicit running_engine(const std::vector<std::string>& extra = {})
+      : started(OVENGINE_BINARY, extra),
+        process(&started.process()),
+        port(started.port()),
+        client(std::make_unique<httplib::Client>("127.0.0.1", port)) {}
 
   pairs status() {
     const auto res = client->Get("/status");
@@ -56,8 +48,9 @@ class running_engine {
     return "<missing>";
   }
 
-  std::unique_ptr<child_process> process;
-  int port = 0;
+  vigilo::test_support::engine_process started;
+  child_process* process;
+  int port;
   std::unique_ptr<httplib::Client> client;
 };
 

@@ -15,6 +15,7 @@
 
 #include "platform/EngineException.h"
 #include "status/EngineStatus.h"
+#include "testing/engine_process.h"
 #include "testing/fake_engine.h"
 
 namespace com::orvex::engine {
@@ -190,16 +191,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(EngineClientTest, ConnectFailuresNameHostPortAndCause) {
-  // A port that was just free: nothing listens there.
-  const int probe = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(probe, reinterpret_cast<sockaddr*>(&address), length);
-  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-  const unsigned short closedPort = ntohs(address.sin_port);
-  close(probe);
+  const unsigned short closedPort = vigilo::test_support::closedLoopbackPort();
   EXPECT_EQ(connectError("127.0.0.1", closedPort),
             "Could not connect to engine at 127.0.0.1:" + std::to_string(closedPort) +
                 ": Connection refused");

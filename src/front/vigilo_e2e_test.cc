@@ -1,10 +1,6 @@
 // The real vigilo binary against a real engine process and against a scripted engine on
 // loopback: whole outputs, exit statuses, real signals, files, pipes and /dev/full.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -18,6 +14,7 @@
 #include <vector>
 
 #include "status/status_catalogue.h"
+#include "testing/engine_process.h"
 #include "testing/expected_outputs.h"
 #include "testing/fake_engine.h"
 #include "testing/param_name.h"
@@ -209,15 +206,7 @@ TEST(VigiloTest, ReaderThatClosesThePipe) {
 }
 
 TEST(VigiloTest, NoEngineListening) {
-  const int probe = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(probe, reinterpret_cast<sockaddr*>(&address), length);
-  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-  const unsigned short port = ntohs(address.sin_port);
-  close(probe);
+  const unsigned short port = vigilo::test_support::closedLoopbackPort();
   const auto result = runProcess(vigilo(port, {"-o"}), {}, bound);
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "");
@@ -241,19 +230,11 @@ TEST(VigiloTest, VerboseAnnouncesStartAndEndAmongTheLibraryLog) {
 }
 
 // The real engine: a started ovengine on an ephemeral port.
-class real_engine {
- public:
-  explicit real_engine(std::vector<std::string> extra = {}) {
-    std::vector<std::string> argv = {OVENGINE_BINARY, "--port", "0"};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    process = std::make_unique<child_process>(argv);
-    const std::string banner = "ovengine listening on 127.0.0.1:";
-    EXPECT_TRUE(process->waitForOut("\n", bound));
-    port = static_cast<unsigned short>(
-        std::stoi(process->out().substr(process->out().find(banner) + banner.size())));
-  }
-  std::unique_ptr<child_process> process;
-  unsigned short port = 0;
+struct real_engine {
+  explicit real_engine(const std::vector<std::string>& extra = {})
+      : started(OVENGINE_BINARY, extra), port(started.port()) {}
+  vigilo::test_support::engine_process started;
+  unsigned short port;
 };
 
 // Uptime, 15 numbers, five persistence texts, processed, context name, number, receiver,
@@ -277,7 +258,7 @@ TEST(VigiloTest, EngineDyingMidWatch) {
   real_engine engine;
   child_process watch(vigilo(engine.port, {"-r", "-i", "20"}));
   ASSERT_TRUE(watch.waitForOut("\n", bound));
-  engine.process->signal(SIGKILL);
+  engine.started.process().signal(SIGKILL);
   const auto result = watch.finish(bound);
   EXPECT_EQ(result.status, 2);
   const std::string prefix = "Control-C to exit...\nStatus monitor failed: Status request to "
