@@ -55,6 +55,7 @@ extern "C" StatusOpaque* engineManagement_getStatusOpaque(
     *error = strdup(step.error.c_str());
     return nullptr;
   }
+  ++fake.snapshotsHandedOut;
   return vigilo::test_support::newFakeStatus(*step.snapshot, &fake.statusLog);
 }
 

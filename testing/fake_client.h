@@ -31,6 +31,7 @@ struct fake_client {
 
   std::vector<std::string> calls;  // "init vigilo", "connect localhost:15903", "fetch", ...
   fake_status_log statusLog;       // every snapshot handed out logs here
+  int snapshotsHandedOut = 0;
 };
 
 // The fake that the link-time library uses. Reset it at the start of every test.
