@@ -11,31 +11,11 @@
 #include <map>
 #include <stdexcept>
 
+#include <nlohmann/json.hpp>
+
 namespace vigilo::test_support {
 
 namespace {
-
-std::string jsonString(const std::string& text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += c;
-        }
-    }
-  }
-  return out + "\"";
-}
 
 void sendAll(int fd, const std::string& bytes) {
   std::size_t sent = 0;
@@ -57,12 +37,9 @@ fake_reply httpReply(int status, const std::string& reason, const std::string& b
 }
 
 fake_reply statusReply(const std::vector<std::pair<std::string, std::string>>& pairs) {
-  std::string body = "{\"status\": [";
-  for (std::size_t i = 0; i < pairs.size(); ++i) {
-    body += (i ? ", [" : "[") + jsonString(pairs[i].first) + ", " + jsonString(pairs[i].second) +
-            "]";
-  }
-  return httpReply(200, "OK", body + "]}");
+  nlohmann::json document = {{"status", nlohmann::json::array()}};
+  for (const auto& [key, value] : pairs) document["status"].push_back({key, value});
+  return httpReply(200, "OK", document.dump());
 }
 
 fake_engine::fake_engine(script answer, const std::string& address) : answer_(std::move(answer)) {
