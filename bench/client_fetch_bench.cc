@@ -11,7 +11,7 @@
 
 #include <string>
 
-#include "platform/engine_client.h"
+#include "ovclient/engine_client.h"
 #include "status/EngineStatus.h"
 #include "status/status_catalogue.h"
 #include "testing/fake_engine.h"

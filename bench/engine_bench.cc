@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/engine_client.h"
+#include "ovclient/engine_client.h"
 #include "status/EngineStatus.h"
 #include "testing/engine_process.h"
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "status/EngineStatus.h"
+#include "testing/expected_outputs.h"
 #include "testing/fake_status.h"
 
 namespace {

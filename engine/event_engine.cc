@@ -45,21 +45,11 @@ event_engine::~event_engine() {
   for (auto& c : contexts_) c->thread.join();
 }
 
-bool event_engine::submit(std::vector<event> events) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (stopping_ || input_.size() + events.size() > inputCapacity) return false;
-  for (auto& e : events) input_.push_back(std::move(e));
-  received_ += events.size();
-  routerWake_.notify_one();
-  return true;
-}
-
-bool event_engine::submitWaiting(std::vector<event> events) {
+bool event_engine::submit(std::vector<event> events, bool waitForSpace) {
   std::unique_lock<std::mutex> lock(mutex_);
-  spaceFreed_.wait(lock, [&] {
-    return stopping_ || input_.size() + events.size() <= inputCapacity;
-  });
-  if (stopping_) return false;
+  const auto fits = [&] { return input_.size() + events.size() <= inputCapacity; };
+  if (waitForSpace) spaceFreed_.wait(lock, [&] { return stopping_ || fits(); });
+  if (stopping_ || !fits()) return false;
   for (auto& e : events) input_.push_back(std::move(e));
   received_ += events.size();
   routerWake_.notify_one();

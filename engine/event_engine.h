@@ -39,11 +39,9 @@ class event_engine {
   event_engine& operator=(const event_engine&) = delete;
 
   // Queues events for processing. False, with nothing queued, when the input queue cannot take
-  // them all. Thread-safe.
-  bool submit(std::vector<event> events);
-  // Waits until the input queue can take `count` more events, then queues them; false once the
-  // engine stops. For the load generator.
-  bool submitWaiting(std::vector<event> events);
+  // them all, or, with `waitForSpace` (the load generator), once the engine stops; until then
+  // it waits for room. Thread-safe.
+  bool submit(std::vector<event> events, bool waitForSpace = false);
 
   // Every standard status value, then "user-KEY" for each user value in the order set.
   status_pairs snapshot() const;

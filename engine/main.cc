@@ -40,7 +40,7 @@ void generateLoad(ovengine::event_engine& engine, double perSecond, const bool& 
     for (std::size_t i = 0; i < count; ++i, ++sequence) {
       batch.push_back({types[sequence % 5], "id=" + std::to_string(sequence) + ",qty=100"});
     }
-    if (!batch.empty() && !engine.submitWaiting(std::move(batch))) return;
+    if (!batch.empty() && !engine.submit(std::move(batch), /*waitForSpace=*/true)) return;
   }
 }
 

@@ -12,6 +12,7 @@
 #include "front/options.h"
 #include "front/settings.h"
 #include "front/usage.h"
+#include "testing/process.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::vector<std::string> args = {"vigilo"};
@@ -26,12 +27,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (!current.empty()) args.push_back(current);
 
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-
+  vigilo::test_support::argument_vector argv(std::move(args));
   vigilo::resetSettings();
-  const auto outcome = vigilo::parseOptions(static_cast<int>(args.size()), argv.data());
+  const auto outcome = vigilo::parseOptions(argv.argc(), argv.argv());
   if (outcome == vigilo::parse_outcome::proceed && !vigilo::portInRange()) std::abort();
 
   // Every setting must be readable afterwards, and the usage text must render from them.

@@ -12,7 +12,8 @@
 #include "status/EngineStatus.h"
 #include "status_document.h"
 
-using namespace com::orvex::engine;
+using namespace com::orvex::client;
+using com::orvex::engine::EngineStatus;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;

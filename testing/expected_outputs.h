@@ -4,9 +4,26 @@
 #ifndef VIGILO_TESTING_EXPECTED_OUTPUTS_H_
 #define VIGILO_TESTING_EXPECTED_OUTPUTS_H_
 
+#include <cstdint>
 #include <string>
 
+#include "status/status_catalogue.h"
+#include "testing/fake_status.h"
+
 namespace vigilo::test_support {
+
+// A snapshot whose every catalogue number is `number` and every catalogue text `text`.
+inline fake_status_script uniformSnapshot(std::uint64_t number, const std::string& text) {
+  fake_status_script script;
+  for (const auto& key : com::orvex::engine::statusCatalogue) {
+    if (key.kind == com::orvex::engine::value_kind::text) {
+      script.strings[key.key] = text;
+    } else {
+      script.integers[key.key] = number;
+    }
+  }
+  return script;
+}
 
 inline const std::string rawHeading =
     "Uptime (ms),# Contexts,# Monitors,# Sub-monitors,# Java apps,# Listeners,# Sub-listeners,"

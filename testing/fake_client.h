@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/engine_client.h"
+#include "ovclient/engine_client.h"
 #include "testing/fake_status.h"
 
 namespace vigilo::test_support {

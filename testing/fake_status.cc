@@ -3,8 +3,6 @@
 #include <cstring>
 #include <deque>
 
-#include "status/status_catalogue.h"
-
 namespace vigilo::test_support {
 
 namespace {
@@ -73,16 +71,8 @@ void freeStatusIteration(StatusOpaque* status, std::uintptr_t handle) {
   self(status)->log->freedIterations.push_back(handle);
 }
 
-const StatusFunctions fakeFunctions = [] {
-  StatusFunctions table{};
-  table.entries[getNextStatusPairEntry] = reinterpret_cast<StatusFunction>(&getNextStatusPair);
-  table.entries[getStatusStringEntry] = reinterpret_cast<StatusFunction>(&getStatusString);
-  table.entries[getStatusIntegerEntry] = reinterpret_cast<StatusFunction>(&getStatusInteger);
-  table.entries[deleteStatusEntry] = reinterpret_cast<StatusFunction>(&deleteStatus);
-  table.entries[freeStatusIterationEntry] =
-      reinterpret_cast<StatusFunction>(&freeStatusIteration);
-  return table;
-}();
+const StatusFunctions fakeFunctions = statusFunctionsOf(
+    &getNextStatusPair, &getStatusString, &getStatusInteger, &deleteStatus, &freeStatusIteration);
 
 }  // namespace
 
@@ -91,16 +81,18 @@ StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* l
   return &s->opaque;
 }
 
-fake_status_script uniformSnapshot(std::uint64_t number, const std::string& text) {
-  fake_status_script script;
-  for (const auto& key : com::orvex::engine::statusCatalogue) {
-    if (key.kind == com::orvex::engine::value_kind::text) {
-      script.strings[key.key] = text;
-    } else {
-      script.integers[key.key] = number;
-    }
+std::vector<std::pair<std::string, std::string>> walkStatus(StatusOpaque* status) {
+  const auto next =
+      reinterpret_cast<getNextStatusPair_fn>(status->functions->entries[getNextStatusPairEntry]);
+  std::vector<std::pair<std::string, std::string>> pairs;
+  const char* key = nullptr;
+  const char* value = nullptr;
+  std::uintptr_t handle = 0;
+  for (;;) {
+    next(status, &key, &value, &handle);
+    if (handle == 0 || key == nullptr || value == nullptr || *key == '\0') return pairs;
+    pairs.emplace_back(key, value);
   }
-  return script;
 }
 
 }  // namespace vigilo::test_support

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/StatusOpaque.h"
+#include "ovclient/StatusOpaque.h"
 
 namespace vigilo::test_support {
 
@@ -38,8 +38,9 @@ struct fake_status_log {
 // ASan as a use after free).
 StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* log);
 
-// A snapshot whose every catalogue number is `number` and every catalogue text `text`.
-fake_status_script uniformSnapshot(std::uint64_t number, const std::string& text);
+// Every pair of any status object, taken through its table as a user of the client library walks
+// them; the strings are copies.
+std::vector<std::pair<std::string, std::string>> walkStatus(StatusOpaque* status);
 
 }  // namespace vigilo::test_support
 

@@ -32,14 +32,12 @@ std::vector<std::string> mergedEnvironment(const std::vector<std::string>& extra
   return result;
 }
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  for (auto& t : texts) result.push_back(t.data());
-  result.push_back(nullptr);
-  return result;
-}
-
 }  // namespace
+
+argument_vector::argument_vector(std::vector<std::string> texts) : texts(std::move(texts)) {
+  for (std::string& text : this->texts) pointers.push_back(text.data());
+  pointers.push_back(nullptr);
+}
 
 child_process::child_process(const std::vector<std::string>& argv, const options& opts) {
   int outPipe[2] = {-1, -1};
@@ -69,11 +67,9 @@ child_process::child_process(const std::vector<std::string>& argv, const options
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
 
-  std::vector<std::string> args = argv;
-  std::vector<std::string> env = mergedEnvironment(opts.env);
-  auto argp = pointers(args);
-  auto envp = pointers(env);
-  const int rc = posix_spawn(&pid_, args[0].c_str(), &actions, &attr, argp.data(), envp.data());
+  argument_vector args(argv);
+  argument_vector env(mergedEnvironment(opts.env));
+  const int rc = posix_spawn(&pid_, argv[0].c_str(), &actions, &attr, args.argv(), env.argv());
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   if (opts.stdoutPath.empty()) close(outPipe[1]);
@@ -82,7 +78,7 @@ child_process::child_process(const std::vector<std::string>& argv, const options
   errFd_ = errPipe[0];
   if (rc != 0) {
     pid_ = -1;
-    throw std::runtime_error("cannot start " + args[0] + ": " + std::strerror(rc));
+    throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(rc));
   }
 }
 

@@ -13,6 +13,23 @@
 
 namespace vigilo::test_support {
 
+// An argument vector for code that takes (argc, argv), or an environment: owns its texts, and
+// argv() ends with a null pointer. The texts stay in place while the object lives, so settings
+// may point into them.
+class argument_vector {
+ public:
+  explicit argument_vector(std::vector<std::string> texts);
+  argument_vector(const argument_vector&) = delete;
+  argument_vector& operator=(const argument_vector&) = delete;
+
+  int argc() const { return static_cast<int>(texts.size()); }
+  char** argv() { return pointers.data(); }
+
+ private:
+  std::vector<std::string> texts;
+  std::vector<char*> pointers;
+};
+
 struct run_result {
   std::string out;
   std::string err;

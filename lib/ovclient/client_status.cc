@@ -4,7 +4,7 @@
 #include <string>
 #include <unordered_map>
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 
 namespace {
 
@@ -51,16 +51,8 @@ void deleteStatus(StatusOpaque* status) { delete self(status); }
 
 void freeStatusIteration(StatusOpaque*, std::uintptr_t) {}
 
-const StatusFunctions clientFunctions = [] {
-  StatusFunctions table{};
-  table.entries[getNextStatusPairEntry] = reinterpret_cast<StatusFunction>(&getNextStatusPair);
-  table.entries[getStatusStringEntry] = reinterpret_cast<StatusFunction>(&getStatusString);
-  table.entries[getStatusIntegerEntry] = reinterpret_cast<StatusFunction>(&getStatusInteger);
-  table.entries[deleteStatusEntry] = reinterpret_cast<StatusFunction>(&deleteStatus);
-  table.entries[freeStatusIterationEntry] =
-      reinterpret_cast<StatusFunction>(&freeStatusIteration);
-  return table;
-}();
+const StatusFunctions clientFunctions = statusFunctionsOf(
+    &getNextStatusPair, &getStatusString, &getStatusInteger, &deleteStatus, &freeStatusIteration);
 
 }  // namespace
 
@@ -82,4 +74,4 @@ StatusOpaque* newClientStatus(status_pairs pairs) {
   return &s->opaque;
 }
 
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client

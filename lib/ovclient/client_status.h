@@ -6,10 +6,10 @@
 #include <cstdint>
 #include <string_view>
 
-#include "platform/StatusOpaque.h"
+#include "ovclient/StatusOpaque.h"
 #include "status_document.h"
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 
 // A new status object owning `pairs`; released through its deleteStatus entry. Lookups take the
 // first pair of a key; the walk yields every pair in order. getStatusInteger reads a decimal
@@ -22,6 +22,6 @@ StatusOpaque* newClientStatus(status_pairs pairs);
 // The numeric reading of a value, as getStatusInteger does it.
 std::uint64_t statusNumber(std::string_view value);
 
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client
 
 #endif  // VIGILO_OVCLIENT_CLIENT_STATUS_H_

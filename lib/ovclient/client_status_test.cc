@@ -3,44 +3,61 @@
 
 #include <gtest/gtest.h>
 
-#include "status/EngineStatus.h"
+#include "testing/fake_status.h"
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 namespace {
 
+using vigilo::test_support::walkStatus;
+
+// A status object that deletes itself through its own table.
+struct owned_status {
+  explicit owned_status(status_pairs pairs) : status(newClientStatus(std::move(pairs))) {}
+  ~owned_status() { call<deleteStatus_fn>(deleteStatusEntry)(status); }
+  template <typename Fn>
+  Fn call(StatusFunctionEntry entry) const {
+    return reinterpret_cast<Fn>(status->functions->entries[entry]);
+  }
+  std::uint64_t integer(const char* key) const {
+    return static_cast<std::uint64_t>(call<getStatusInteger_fn>(getStatusIntegerEntry)(status, key));
+  }
+  const char* text(const char* key) const {
+    return call<getStatusString_fn>(getStatusStringEntry)(status, key);
+  }
+  StatusOpaque* status;
+};
+
 TEST(ClientStatusTest, LookupsTakeTheFirstPairOfAKey) {
-  EngineStatus record(newClientStatus(
-      {{"numReceived", "18446744073709551615"}, {"numReceived", "7"}, {"name", "orders"},
-       {"user-a", "1"}}));
-  EXPECT_EQ(record.getStatusInteger("numReceived"), 18446744073709551615ULL);
-  EXPECT_STREQ(record.getStatusString("numReceived"), "18446744073709551615");
-  EXPECT_STREQ(record.getStatusString("name"), "orders");
-  EXPECT_EQ(record.getStatusString("missing"), nullptr);
-  EXPECT_EQ(record.getStatusInteger("missing"), 0u);
+  owned_status record(status_pairs{{"numReceived", "18446744073709551615"},
+                       {"numReceived", "7"},
+                       {"name", "orders"},
+                       {"user-a", "1"}});
+  EXPECT_EQ(record.integer("numReceived"), 18446744073709551615ULL);
+  EXPECT_STREQ(record.text("numReceived"), "18446744073709551615");
+  EXPECT_STREQ(record.text("name"), "orders");
+  EXPECT_EQ(record.text("missing"), nullptr);
+  EXPECT_EQ(record.integer("missing"), 0u);
 }
 
 TEST(ClientStatusTest, WalkYieldsEveryPairThenEndsWithHandleZero) {
-  EngineStatus record(newClientStatus({{"a", "1"}, {"a", "2"}, {"b", ""}}));
-  std::vector<std::pair<std::string, std::string>> seen;
-  for (auto it = record.begin(); it != record.end(); ++it) seen.emplace_back(it.key(), it.value());
-  EXPECT_EQ(seen, (status_pairs{{"a", "1"}, {"a", "2"}, {"b", ""}}));
+  owned_status record(status_pairs{{"a", "1"}, {"a", "2"}, {"b", ""}});
+  EXPECT_EQ(walkStatus(record.status), (status_pairs{{"a", "1"}, {"a", "2"}, {"b", ""}}));
 
   // Straight through the table: handle 0 starts, each pair moves it on, the step after the last
   // pair yields nulls and hands back 0.
-  StatusOpaque* raw = newClientStatus({{"k", "v"}});
-  auto next = reinterpret_cast<getNextStatusPair_fn>(raw->functions->entries[getNextStatusPairEntry]);
+  owned_status one(status_pairs{{"k", "v"}});
+  auto next = one.call<getNextStatusPair_fn>(getNextStatusPairEntry);
   const char* key = nullptr;
   const char* value = nullptr;
   std::uintptr_t handle = 0;
-  next(raw, &key, &value, &handle);
+  next(one.status, &key, &value, &handle);
   EXPECT_STREQ(key, "k");
   EXPECT_STREQ(value, "v");
   EXPECT_NE(handle, 0u);
-  next(raw, &key, &value, &handle);
+  next(one.status, &key, &value, &handle);
   EXPECT_EQ(key, nullptr);
   EXPECT_EQ(value, nullptr);
   EXPECT_EQ(handle, 0u);
-  EngineStatus owner(raw);
 }
 
 TEST(ClientStatusTest, NumbersReadAsDecimal64Bit) {
@@ -67,4 +84,4 @@ TEST(ClientStatusTest, NumbersReadAsDecimal64Bit) {
 }
 
 }  // namespace
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client

@@ -1,5 +1,5 @@
 // The engine client library's entry points over the HTTP status endpoint.
-#include "platform/engine_client.h"
+#include "ovclient/engine_client.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -8,9 +8,9 @@
 
 #include "client_status.h"
 #include "http_connection.h"
-#include "platform/EngineException.h"
-#include "platform/log.h"
-#include "platform/memory.h"
+#include "ovcommon/EngineException.h"
+#include "ovcommon/log.h"
+#include "ovcommon/memory.h"
 #include "status_document.h"
 
 namespace com::orvex::engine {
@@ -18,15 +18,15 @@ namespace com::orvex::engine {
 class EngineManagement {
  public:
   EngineManagement(const char* host, unsigned short port, const std::string& userAgent)
-      : connection(host, port, timeoutsFromEnvironment(), userAgent) {}
-  http_connection connection;
+      : connection(host, port, client::timeoutsFromEnvironment(), userAgent) {}
+  client::http_connection connection;
 };
 
 namespace {
 
 std::string userAgent = "ovclient";
 
-std::string answered(const std::string& path, const http_response& r) {
+std::string answered(const std::string& path, const client::http_response& r) {
   return "GET " + path + " answered " + std::to_string(r.status) +
          (r.reason.empty() ? "" : " " + r.reason);
 }
@@ -58,7 +58,7 @@ EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short po
   auto management = std::make_unique<EngineManagement>(host, port, userAgent);
   try {
     management->connection.open();
-    const http_response pong = management->connection.get("/ping");
+    const client::http_response pong = management->connection.get("/ping");
     if (pong.status / 100 != 2) throw std::runtime_error(answered("/ping", pong));
   } catch (const std::exception& e) {
     throw EngineException("Could not connect to engine at " + management->connection.where() +
@@ -82,6 +82,7 @@ extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* mana
                                                           char** error) {
   using namespace com::orvex;
   using namespace com::orvex::engine;
+  using namespace com::orvex::client;
   try {
     const http_response response = management->connection.get("/status");
     if (logEnabled(LogLevel::debug)) {

@@ -1,5 +1,5 @@
 // The client library against a scripted engine on loopback: real sockets, real HTTP.
-#include "platform/engine_client.h"
+#include "ovclient/engine_client.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
@@ -13,10 +13,10 @@
 #include <memory>
 #include <string>
 
-#include "platform/EngineException.h"
-#include "status/EngineStatus.h"
+#include "ovcommon/EngineException.h"
 #include "testing/engine_process.h"
 #include "testing/fake_engine.h"
+#include "testing/fake_status.h"
 
 namespace com::orvex::engine {
 namespace {
@@ -48,16 +48,19 @@ class EngineClientTest : public ::testing::Test {
 
   // The pairs of one fetch, or its error text.
   static std::string fetch(EngineManagement* m) {
-    try {
-      EngineStatus record = getEngineStatus(m);
-      std::string seen;
-      for (auto it = record.begin(); it != record.end(); ++it) {
-        seen += it.key() + "=" + it.value() + ";";
-      }
-      return seen;
-    } catch (const EngineException& e) {
-      return std::string("error: ") + e.what();
+    char* error = nullptr;
+    StatusOpaque* status = engineManagement_getStatusOpaque(m, &error);
+    if (error != nullptr) {
+      const std::string text = std::string("error: ") + error;
+      std::free(error);
+      return text;
     }
+    std::string seen;
+    for (const auto& [key, value] : vigilo::test_support::walkStatus(status)) {
+      seen += key + "=" + value + ";";
+    }
+    reinterpret_cast<deleteStatus_fn>(status->functions->entries[deleteStatusEntry])(status);
+    return seen;
   }
 
   static std::string connectError(const char* host, unsigned short port) {

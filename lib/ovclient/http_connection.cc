@@ -15,7 +15,7 @@
 
 #include "http_response_reader.h"
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 
 namespace {
 
@@ -155,11 +155,11 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
     } else if (errno == EAGAIN || errno == EINTR) {
       if (!waitFor(fd_, POLLOUT, deadline)) {
         result.timedOut = true;
-        result.error = "GET " + path + " " + timedOut(timeouts_.responseMs);
+        result.error = timedOut(timeouts_.responseMs);
         return result;
       }
     } else {
-      result.error = "GET " + path + ": " + std::strerror(errno);
+      result.error = std::strerror(errno);
       return result;
     }
   }
@@ -170,7 +170,7 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
     if (!waitFor(fd_, POLLIN, deadline)) {
       result.timedOut = true;
       result.receivedAnything = reader.receivedAnything();
-      result.error = "GET " + path + " " + timedOut(timeouts_.responseMs);
+      result.error = timedOut(timeouts_.responseMs);
       return result;
     }
     const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
@@ -180,13 +180,13 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
       reader.finish();
     } else if (errno != EAGAIN && errno != EINTR) {
       result.receivedAnything = reader.receivedAnything();
-      result.error = "GET " + path + ": " + std::strerror(errno);
+      result.error = std::strerror(errno);
       return result;
     }
   }
   result.receivedAnything = reader.receivedAnything();
   if (reader.current() == http_response_reader::state::failed) {
-    result.error = "GET " + path + ": " + reader.error();
+    result.error = reader.error();
     return result;
   }
   if (!reader.keepAlive()) closeSocket();
@@ -209,8 +209,9 @@ http_response http_connection::get(const std::string& path) {
     // The engine may close a kept-alive connection just as a request goes out: that request got
     // no answer at all and is safe to send once more on a new connection.
     if (reused && attempt == 0 && !r.receivedAnything && !r.timedOut) continue;
-    throw std::runtime_error(r.error);
+    // "GET /status: Connection reset by peer", "GET /status timed out after 300 ms".
+    throw std::runtime_error("GET " + path + (r.timedOut ? " " : ": ") + r.error);
   }
 }
 
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client

@@ -8,7 +8,7 @@
 
 #include <string>
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 
 struct client_timeouts {
   int connectMs = 5000;
@@ -56,6 +56,6 @@ class http_connection {
   int fd_ = -1;
 };
 
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client
 
 #endif  // VIGILO_OVCLIENT_HTTP_CONNECTION_H_

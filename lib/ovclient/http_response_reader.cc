@@ -4,7 +4,7 @@
 #include <cctype>
 #include <charconv>
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 
 namespace {
 
@@ -235,4 +235,4 @@ http_response_reader::state http_response_reader::finish() {
   return fail("connection closed by the engine in the middle of the response");
 }
 
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client

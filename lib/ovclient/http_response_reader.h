@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 
 class http_response_reader {
  public:
@@ -69,6 +69,6 @@ class http_response_reader {
   std::string error_;
 };
 
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client
 
 #endif  // VIGILO_OVCLIENT_HTTP_RESPONSE_READER_H_

@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 namespace {
 
 using state = http_response_reader::state;
@@ -126,4 +126,4 @@ INSTANTIATE_TEST_SUITE_P(
     vigilo::test_support::param_name());
 
 }  // namespace
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client

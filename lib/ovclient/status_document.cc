@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 
 namespace {
 
@@ -201,4 +201,4 @@ bool parseStatusDocument(std::string_view document, status_pairs& pairs, std::st
   return false;
 }
 
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client

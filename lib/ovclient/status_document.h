@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 
 using status_pairs = std::vector<std::pair<std::string, std::string>>;
 
@@ -21,6 +21,6 @@ inline constexpr std::size_t maxStatusPairs = 100000;
 // The pairs in document order, or false with `error` set.
 bool parseStatusDocument(std::string_view document, status_pairs& pairs, std::string& error);
 
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client
 
 #endif  // VIGILO_OVCLIENT_STATUS_DOCUMENT_H_

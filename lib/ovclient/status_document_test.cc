@@ -6,7 +6,7 @@
 
 #include "testing/param_name.h"
 
-namespace com::orvex::engine {
+namespace com::orvex::client {
 namespace {
 
 struct document_case {
@@ -91,4 +91,4 @@ TEST(StatusDocumentTest, PairCountIsBounded) {
 }
 
 }  // namespace
-}  // namespace com::orvex::engine
+}  // namespace com::orvex::client

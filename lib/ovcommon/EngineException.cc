@@ -1,4 +1,4 @@
-#include "platform/EngineException.h"
+#include "ovcommon/EngineException.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "platform/Platform.h"
+#include "ovcommon/Platform.h"
 
 #include <cstdio>
 #include <cstdlib>

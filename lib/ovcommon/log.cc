@@ -1,4 +1,4 @@
-#include "platform/log.h"
+#include "ovcommon/log.h"
 
 #include <unistd.h>
 
@@ -6,7 +6,7 @@
 #include <ctime>
 #include <sys/time.h>
 
-#include "platform/EngineException.h"
+#include "ovcommon/EngineException.h"
 
 namespace com::orvex {
 

@@ -1,4 +1,4 @@
-#include "platform/memory.h"
+#include "ovcommon/memory.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "platform/signals.h"
+#include "ovcommon/signals.h"
 
 #include <signal.h>
 #include <string.h>

@@ -1,4 +1,4 @@
-#include "platform/threads.h"
+#include "ovcommon/threads.h"
 
 #include <cerrno>
 #include <cstring>
@@ -6,14 +6,14 @@
 #include <memory>
 #include <string>
 
-#include "platform/EngineException.h"
+#include "ovcommon/EngineException.h"
 
 namespace com::orvex {
 
 namespace {
 
-[[noreturn]] void fail(const char* what, int error) {
-  throw EngineException(std::string(what) + ": " + std::strerror(error));
+[[noreturn]] void fail(const std::string& what, int error) {
+  throw EngineException(what + ": " + std::strerror(error));
 }
 
 void* runHelper(void* raw) {
@@ -25,14 +25,14 @@ void* runHelper(void* raw) {
 
 Mutex::Mutex(const char* name) : name_(name) {
   const int rc = pthread_mutex_init(&mutex_, nullptr);
-  if (rc != 0) fail("cannot create mutex", rc);
+  if (rc != 0) fail(std::string("cannot create mutex ") + name_, rc);
 }
 
 Mutex::~Mutex() { pthread_mutex_destroy(&mutex_); }
 
 void Mutex::lock() {
   const int rc = pthread_mutex_lock(&mutex_);
-  if (rc != 0) fail("cannot lock mutex", rc);
+  if (rc != 0) fail(std::string("cannot lock mutex ") + name_, rc);
 }
 
 void Mutex::unlock() { pthread_mutex_unlock(&mutex_); }
@@ -55,8 +55,6 @@ bool Condition::timedwait(std::uint64_t deadlineMs) {
   return pthread_cond_timedwait(&condition_, &mutex_.mutex_, &deadline) != ETIMEDOUT;
 }
 
-void Condition::wait() { pthread_cond_wait(&condition_, &mutex_.mutex_); }
-void Condition::signal() { pthread_cond_signal(&condition_); }
 void Condition::broadcast() { pthread_cond_broadcast(&condition_); }
 
 Semaphore::Semaphore(unsigned count) {

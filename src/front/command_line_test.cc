@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "front/build_info.h"
+#include "support/build_info.h"
 #include "testing/expected_outputs.h"
 #include "testing/process.h"
 

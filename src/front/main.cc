@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "front/ov_main.h"
-#include "platform/ov_utf8.h"
+#include "ovcommon/ov_utf8.h"
 
 namespace {
 

@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "front/settings.h"
+#include "testing/process.h"
 
 namespace vigilo {
 namespace {
@@ -34,16 +36,13 @@ settings_snapshot current() {
           raw, raw_header, userStat, verbose, debug};
 }
 
-parse_outcome parse(const std::vector<std::string>& args) {
+parse_outcome parse(std::vector<std::string> args) {
   resetSettings();
   // The parser keeps pointers into the arguments: they must live until the settings are read.
-  static std::vector<std::string> storage;
-  storage = args;
-  storage.insert(storage.begin(), "vigilo");
-  std::vector<char*> argv;
-  for (auto& a : storage) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  return parseOptions(static_cast<int>(storage.size()), argv.data());
+  static std::unique_ptr<test_support::argument_vector> kept;
+  args.insert(args.begin(), "vigilo");
+  kept = std::make_unique<test_support::argument_vector>(std::move(args));
+  return parseOptions(kept->argc(), kept->argv());
 }
 
 struct parse_case {

@@ -4,7 +4,7 @@
 
 #include "status/EngineStatus.h"
 #include "front/settings.h"
-#include "front/version.h"
+#include "support/version.h"
 
 namespace vigilo {
 

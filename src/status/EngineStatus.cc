@@ -1,5 +1,8 @@
 #include "status/EngineStatus.h"
 
+#include <cstdlib>
+
+#include "ovcommon/EngineException.h"
 
 namespace com::orvex::engine {
 
@@ -66,6 +69,17 @@ EngineStatus::StatusIterator& EngineStatus::StatusIterator::operator++() {
 
 bool EngineStatus::StatusIterator::operator==(const StatusIterator& end) const {
   return record == end.record && (handle == 0 || current.first.empty());
+}
+
+EngineStatus getEngineStatus(EngineManagement* management) {
+  char* error = nullptr;
+  StatusOpaque* status = engineManagement_getStatusOpaque(management, &error);
+  if (error != nullptr) {
+    EngineException failure(error);
+    std::free(error);
+    throw failure;
+  }
+  return EngineStatus(status);
 }
 
 }  // namespace com::orvex::engine

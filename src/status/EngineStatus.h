@@ -8,10 +8,11 @@
 #include <cstdint>
 #include <iosfwd>
 #include <string>
+#include <string_view>
 #include <utility>
 
-#include "platform/StatusOpaque.h"
-#include "platform/engine_client.h"
+#include "ovclient/StatusOpaque.h"
+#include "ovclient/engine_client.h"
 
 namespace com::orvex::engine {
 
@@ -86,6 +87,18 @@ EngineStatus getEngineStatus(EngineManagement* management);
 
 // Writes the 27-line human-readable text of `status` to `out` in one piece; does not flush.
 std::ostream& operator<<(std::ostream& out, const EngineStatus& status);
+
+// The rule that tells a user-set value from the others: its key contains "user-" anywhere, not
+// only at its start.
+inline bool isUserKey(std::string_view key) { return key.find("user-") != std::string_view::npos; }
+
+// Calls visit(key, value) for every user pair of `record`, in the order the walk yields them.
+template <typename Visit>
+void forEachUserPair(const EngineStatus& record, Visit&& visit) {
+  for (auto it = record.begin(); it != record.end(); ++it) {
+    if (isUserKey(it.key())) visit(it.key(), it.value());
+  }
+}
 
 }  // namespace com::orvex::engine
 

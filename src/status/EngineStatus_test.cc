@@ -8,7 +8,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "platform/EngineException.h"
+#include "ovcommon/EngineException.h"
 #include "testing/fake_status.h"
 
 namespace {

@@ -8,6 +8,7 @@
 
 #include "status/EngineStatus.h"
 #include "status/status_catalogue.h"
+#include "testing/expected_outputs.h"
 #include "testing/fake_status.h"
 
 namespace com::orvex::engine {

@@ -93,8 +93,17 @@ static_assert([] {
   return true;
 }());
 
-// The catalogue row of the processed-events count, which the event rate also reads.
-inline constexpr const status_key& processedRow = statusCatalogue[21];
+// The row of `key`. Taken in a constant expression, a key that is not in the catalogue does not
+// compile.
+consteval const status_key& catalogueRow(std::string_view key) {
+  for (const status_key& row : statusCatalogue) {
+    if (key == row.key) return row;
+  }
+  throw "not a key of the status catalogue";
+}
+
+// The row of the processed-events count, which the event rate also reads.
+inline constexpr const status_key& processedRow = catalogueRow("numProcessed");
 
 }  // namespace com::orvex::engine
 

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/memory.h"
+#include "ovcommon/memory.h"
 
 extern "C" {
 
@@ -69,18 +69,34 @@ bool callocRefused(std::size_t first, std::size_t second) {
   return second > largestTotal - u.extra || second + u.extra > largestTotal / u.unit;
 }
 
-// The next allocator's own function for the aligned family, used unchanged on the plain route.
+// The next allocator's own function of the aligned family, found at its first use: the plain route
+// hands these calls over unchanged.
 template <typename Fn>
-Fn nextFunction(std::atomic<Fn>& cache, const char* name) {
-  Fn fn = cache.load(std::memory_order_relaxed);
-  if (fn == nullptr) {
-    fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
-    cache.store(fn, std::memory_order_relaxed);
+class next_function {
+ public:
+  constexpr explicit next_function(const char* name) : name(name) {}
+  Fn get() {
+    Fn fn = cached.load(std::memory_order_relaxed);
+    if (fn == nullptr) {
+      fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+      cached.store(fn, std::memory_order_relaxed);
+    }
+    return fn;
   }
-  return fn;
+
+ private:
+  const char* name;
+  std::atomic<Fn> cached{nullptr};
+};
+
+// The implementation that an entry point calls; the first call of the process settles it.
+template <typename Fn>
+Fn resolved(Fn& implementation) {
+  if (implementation == nullptr) lookupNextMallocs();
+  return implementation;
 }
 
-bool tracking() { return trackingmalloc == &track_malloc; }
+bool tracking() { return resolved(trackingmalloc) == &track_malloc; }
 
 // An aligned block on the tracking route: room for the alignment and two words before the
 // caller's address, which is aligned and carries the flagged header.
@@ -119,6 +135,15 @@ block_info infoOf(void* block) {
 }
 
 bool isPowerOfTwo(std::size_t n) { return n != 0 && (n & (n - 1)) == 0; }
+
+// aligned_alloc and memalign on the tracking route: any power of two is a valid alignment.
+void* trackPowerOfTwoAligned(std::size_t alignment, std::size_t size) {
+  if (!isPowerOfTwo(alignment)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  return trackAligned(alignment, size);
+}
 
 void* entryResult(void* block) {
   if (block == nullptr) ov_outOfMemory();
@@ -218,59 +243,34 @@ void track_free(void* block) {
 // The entry points.
 
 void* malloc(std::size_t size) {
-  malloc_fn impl = trackingmalloc;
-  if (impl == nullptr) {
-    lookupNextMallocs();
-    impl = trackingmalloc;
-  }
-  void* block = impl(size);
+  void* block = resolved(trackingmalloc)(size);
   if (block == nullptr && tracking() && mallocRefused(size)) return nullptr;
   return entryResult(block);
 }
 
 void* calloc(std::size_t first, std::size_t second) {
   if (recursing) return nullptr;  // the dynamic loader asks during the lookup; it copes
-  calloc_fn impl = trackingcalloc;
-  if (impl == nullptr) {
-    lookupNextMallocs();
-    impl = trackingcalloc;
-  }
-  void* block = impl(first, second);
+  void* block = resolved(trackingcalloc)(first, second);
   if (block == nullptr && tracking() && callocRefused(first, second)) return nullptr;
   return entryResult(block);
 }
 
 void* realloc(void* block, std::size_t size) {
-  realloc_fn impl = trackingrealloc;
-  if (impl == nullptr) {
-    lookupNextMallocs();
-    impl = trackingrealloc;
-  }
-  void* resized = impl(block, size);
+  void* resized = resolved(trackingrealloc)(block, size);
   if (resized == nullptr && size == 0) return nullptr;  // released, as realloc(block, 0) may
   if (resized == nullptr && tracking() && mallocRefused(size)) return nullptr;
   return entryResult(resized);
 }
 
-void free(void* block) {
-  free_fn impl = trackingfree;
-  if (impl == nullptr) {
-    lookupNextMallocs();
-    impl = trackingfree;
-  }
-  impl(block);
-}
+void free(void* block) { resolved(trackingfree)(block); }
 
 // The aligned family: forwarded unchanged on the plain route; on the tracking route they carry a
 // header that free and realloc recognise, so that no block without one ever reaches free.
 
 int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
   if (!isPowerOfTwo(alignment) || alignment % sizeof(void*) != 0) return EINVAL;
-  if (trackingmalloc == nullptr) lookupNextMallocs();
-  if (!tracking()) {
-    static std::atomic<int (*)(void**, std::size_t, std::size_t)> next{nullptr};
-    return nextFunction(next, "posix_memalign")(result, alignment, size);
-  }
+  static next_function<int (*)(void**, std::size_t, std::size_t)> next("posix_memalign");
+  if (!tracking()) return next.get()(result, alignment, size);
   void* block = trackAligned(alignment, size);
   if (block == nullptr) return ENOMEM;
   *result = block;
@@ -278,46 +278,24 @@ int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
-  if (trackingmalloc == nullptr) lookupNextMallocs();
-  if (!tracking()) {
-    static std::atomic<void* (*)(std::size_t, std::size_t)> next{nullptr};
-    return nextFunction(next, "aligned_alloc")(alignment, size);
-  }
-  if (!isPowerOfTwo(alignment)) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  return trackAligned(alignment, size);
+  static next_function<void* (*)(std::size_t, std::size_t)> next("aligned_alloc");
+  return tracking() ? trackPowerOfTwoAligned(alignment, size) : next.get()(alignment, size);
 }
 
 void* memalign(std::size_t alignment, std::size_t size) {
-  if (trackingmalloc == nullptr) lookupNextMallocs();
-  if (!tracking()) {
-    static std::atomic<void* (*)(std::size_t, std::size_t)> next{nullptr};
-    return nextFunction(next, "memalign")(alignment, size);
-  }
-  if (!isPowerOfTwo(alignment)) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  return trackAligned(alignment, size);
+  static next_function<void* (*)(std::size_t, std::size_t)> next("memalign");
+  return tracking() ? trackPowerOfTwoAligned(alignment, size) : next.get()(alignment, size);
 }
 
 void* valloc(std::size_t size) {
-  if (trackingmalloc == nullptr) lookupNextMallocs();
-  if (!tracking()) {
-    static std::atomic<void* (*)(std::size_t)> next{nullptr};
-    return nextFunction(next, "valloc")(size);
-  }
+  static next_function<void* (*)(std::size_t)> next("valloc");
+  if (!tracking()) return next.get()(size);
   return trackAligned(static_cast<std::size_t>(sysconf(_SC_PAGESIZE)), size);
 }
 
 void* pvalloc(std::size_t size) {
-  if (trackingmalloc == nullptr) lookupNextMallocs();
-  if (!tracking()) {
-    static std::atomic<void* (*)(std::size_t)> next{nullptr};
-    return nextFunction(next, "pvalloc")(size);
-  }
+  static next_function<void* (*)(std::size_t)> next("pvalloc");
+  if (!tracking()) return next.get()(size);
   const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   if (size > SIZE_MAX - page) return refuse();
   return trackAligned(page, (size + page - 1) / page * page);
@@ -325,11 +303,8 @@ void* pvalloc(std::size_t size) {
 
 std::size_t malloc_usable_size(void* block) {
   if (block == nullptr) return 0;
-  if (trackingmalloc == nullptr) lookupNextMallocs();
-  if (!tracking()) {
-    static std::atomic<std::size_t (*)(void*)> next{nullptr};
-    return nextFunction(next, "malloc_usable_size")(block);
-  }
+  static next_function<std::size_t (*)(void*)> next("malloc_usable_size");
+  if (!tracking()) return next.get()(block);
   return infoOf(block).usable;
 }
 

@@ -15,9 +15,9 @@
 #include <random>
 #include <vector>
 
-#include "platform/memory.h"
+#include "ovcommon/memory.h"
 #include "support/allocation.h"
-#include "support/fake_next_allocator.h"
+#include "testing/fake_next_allocator.h"
 
 namespace {
 

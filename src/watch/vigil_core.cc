@@ -5,14 +5,11 @@
 #include <new>
 #include <sstream>
 
-#include "front/version.h"
-#include "platform/Platform.h"
-#include "platform/memory.h"
-#include "platform/signals.h"
-#include "platform/threads.h"
-#include "status/EngineStatus.h"
+#include "ovcommon/Platform.h"
+#include "ovcommon/memory.h"
+#include "ovcommon/signals.h"
 #include "status/status_catalogue.h"
-#include "status/user_pairs.h"
+#include "support/version.h"
 #include "watch/vigil_core_sighandler.h"
 
 using com::orvex::Condition;
@@ -64,6 +61,29 @@ vigil_core::~vigil_core() {
 }
 
 void vigil_core::pollForStatus() {
+  const poll_sync sync = startStopMachinery();
+  try {
+    if (raw_header && raw) writeHeading();
+    rate_base rate;
+    for (std::int32_t polls = 1;; ++polls) {
+      // Held until after the wait that follows its poll.
+      const EngineStatus status = getEngineStatus(management);
+      writePoll(status, rate);
+      if (out.bad() || out.fail()) {
+        std::cerr << "Failed to write status to output." << std::endl;
+        break;
+      }
+      if (numLoops > 0 && polls >= numLoops) break;
+      if (waitOrStop(sync)) break;
+    }
+  } catch (...) {
+    SigHandler->cleanup();
+    throw;
+  }
+  SigHandler->cleanup();
+}
+
+vigil_core::poll_sync vigil_core::startStopMachinery() {
   Mutex* pollMutex = newPollMutex();
   auto* pollCondition = new Condition(*pollMutex);
   bool* stopFlag = new bool(false);
@@ -71,63 +91,52 @@ void vigil_core::pollForStatus() {
   com::orvex::signals_initialize2(nullptr, SigHandler, vigilo::productVersionLine);
   com::orvex::setupHandler(sigint, SigIntHandler);
   if (numLoops != 1) std::cerr << "Control-C to exit..." << std::endl;
+  return {pollMutex, pollCondition, stopFlag};
+}
 
-  try {
-    if (raw_header && raw) {
-      const EngineStatus heading = getEngineStatus(management);
-      out << (userStat ? heading.getRawHeaderAll() : EngineStatus::getRawHeader()) << std::endl;
+// The one heading of the watch, from a snapshot of its own: later user columns never change it.
+void vigil_core::writeHeading() {
+  const EngineStatus heading = getEngineStatus(management);
+  out << (userStat ? heading.getRawHeaderAll() : EngineStatus::getRawHeader()) << std::endl;
+}
+
+void vigil_core::writePoll(const EngineStatus& status, rate_base& rate) {
+  if (raw && !userStat) {
+    out << status.getStandardStatusValuesRaw() << std::endl;
+  } else if (raw) {
+    std::string line = status.getStandardStatusValuesRaw();
+    com::orvex::engine::forEachUserPair(status, [&line](const std::string&, const std::string& value) {
+      line += ',';
+      line += value;
+    });
+    out << line << std::endl;
+  } else {
+    if (userStat) {
+      out << status.getAllStatusValues() << std::endl;
+    } else {
+      out << status << std::endl;
     }
-
-    std::int32_t polls = 0;
-    bool firstPoll = true;
-    std::uint64_t previousProcessed = 0;
-    for (;;) {
-      const EngineStatus status = getEngineStatus(management);
-      if (raw && !userStat) {
-        out << status.getStandardStatusValuesRaw() << std::endl;
-      } else if (raw) {
-        std::ostringstream line;
-        line << status.getStandardStatusValuesRaw();
-        com::orvex::engine::forEachUserPair(
-            status, [&line](const std::string&, const std::string& value) { line << ',' << value; });
-        out << line.str() << std::endl;
-      } else {
-        if (userStat) {
-          out << status.getAllStatusValues() << std::endl;
-        } else {
-          std::ostringstream text;
-          text << status;
-          out << text.str() << std::endl;
-        }
-        const std::uint64_t processed =
-            status.getStatusInteger(com::orvex::engine::processedRow.key);
-        out << "Event rate over last interval: "
-            << (!firstPoll && interval != 0 ? rateText(processed, previousProcessed, interval)
-                                            : "-")
-            << std::endl;
-        out << std::endl;
-        previousProcessed = processed;
-        firstPoll = false;
-      }
-
-      if (out.bad() || out.fail()) {
-        std::cerr << "Failed to write status to output." << std::endl;
-        break;
-      }
-      ++polls;
-      if (numLoops > 0 && polls >= numLoops) break;
-
-      // The stop flag is read only after the wait: a Control-C during a fetch or a write ends
-      // the watch once the next wait has run its course, and no further poll is made.
-      pollMutex->lock();
-      pollCondition->timedwait(Platform::sysTime() + interval);
-      const bool stop = *stopFlag;
-      pollMutex->unlock();
-      if (stop) break;
-    }
-  } catch (...) {
-    SigHandler->cleanup();
-    throw;
+    writeRateBlock(status, rate);
   }
-  SigHandler->cleanup();
+}
+
+void vigil_core::writeRateBlock(const EngineStatus& status, rate_base& rate) {
+  const std::uint64_t processed = status.getStatusInteger(com::orvex::engine::processedRow.key);
+  out << "Event rate over last interval: "
+      << (!rate.firstPoll && interval != 0 ? rateText(processed, rate.previousProcessed, interval)
+                                           : "-")
+      << std::endl;
+  out << std::endl;
+  rate.previousProcessed = processed;
+  rate.firstPoll = false;
+}
+
+// The stop flag is read only after the wait: a Control-C during a fetch or a write ends the watch
+// once the next wait has run its course, and no further poll is made.
+bool vigil_core::waitOrStop(const poll_sync& sync) {
+  sync.pollMutex->lock();
+  sync.pollCondition->timedwait(Platform::sysTime() + interval);
+  const bool stop = *sync.stopFlag;
+  sync.pollMutex->unlock();
+  return stop;
 }

@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <ostream>
 
-#include "platform/engine_client.h"
+#include "ovclient/engine_client.h"
+#include "ovcommon/threads.h"
+#include "status/EngineStatus.h"
 
 class vigil_core {
  public:
@@ -26,6 +28,25 @@ class vigil_core {
   void pollForStatus();
 
  private:
+  // What the poll loop shares with the broadcast thread; created once, never released.
+  struct poll_sync {
+    com::orvex::Mutex* pollMutex;
+    com::orvex::Condition* pollCondition;
+    bool* stopFlag;
+  };
+  // The processed count of the previous human-readable poll, for the event rate.
+  struct rate_base {
+    bool firstPoll = true;
+    std::uint64_t previousProcessed = 0;
+  };
+
+  poll_sync startStopMachinery();
+  void writeHeading();
+  void writePoll(const com::orvex::engine::EngineStatus& status, rate_base& rate);
+  void writeRateBlock(const com::orvex::engine::EngineStatus& status, rate_base& rate);
+  // Waits for the interval or a stop; true when the watch is to stop.
+  bool waitOrStop(const poll_sync& sync);
+
   com::orvex::engine::EngineManagement* management;
   std::uint64_t interval;
   std::ostream& out;

@@ -7,8 +7,8 @@
 
 #include <cstdint>
 
-#include "platform/signals.h"
-#include "platform/threads.h"
+#include "ovcommon/signals.h"
+#include "ovcommon/threads.h"
 
 class vigil_core_sighandler : public com::orvex::ShutdownSignalHandler {
  public:

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -15,11 +16,12 @@
 
 #include "front/ov_main.h"
 #include "front/settings.h"
-#include "platform/EngineException.h"
-#include "platform/log.h"
+#include "ovcommon/EngineException.h"
+#include "ovcommon/log.h"
 #include "testing/expected_outputs.h"
 #include "testing/fake_client.h"
 #include "testing/param_name.h"
+#include "testing/process.h"
 
 namespace {
 
@@ -43,16 +45,13 @@ struct run_result {
 // (or std::cout replaced by `out` when given).
 run_result runVigilo(std::vector<std::string> args, std::streambuf* out = nullptr) {
   vigilo::resetSettings();
-  static std::vector<std::string> storage;  // the settings point into it
-  storage = std::move(args);
-  storage.insert(storage.begin(), "vigilo");
-  std::vector<char*> argv;
-  for (auto& a : storage) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  static std::unique_ptr<vigilo::test_support::argument_vector> kept;  // the settings point into it
+  args.insert(args.begin(), "vigilo");
+  kept = std::make_unique<vigilo::test_support::argument_vector>(std::move(args));
   std::ostringstream captureOut, captureErr;
   std::streambuf* savedOut = std::cout.rdbuf(out != nullptr ? out : captureOut.rdbuf());
   std::streambuf* savedErr = std::cerr.rdbuf(captureErr.rdbuf());
-  const int status = ov_main(static_cast<int>(storage.size()), argv.data());
+  const int status = ov_main(kept->argc(), kept->argv());
   std::cout.rdbuf(savedOut);
   std::cerr.rdbuf(savedErr);
   std::cout.clear();

@@ -1,8 +1,8 @@
 // The engine's status object as the engine client library (libovclient) hands it out: a C-layout
 // object carrying a table of operations. vigilo calls five entries of the table; the others
 // belong to the library.
-#ifndef VIGILO_PLATFORM_STATUSOPAQUE_H_
-#define VIGILO_PLATFORM_STATUSOPAQUE_H_
+#ifndef VIGILO_PLATFORM_OVCLIENT_STATUSOPAQUE_H_
+#define VIGILO_PLATFORM_OVCLIENT_STATUSOPAQUE_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -46,6 +46,21 @@ typedef void (*deleteStatus_fn)(StatusOpaque* status);
 // Entry 28: releases an unfinished walk's state.
 typedef void (*freeStatusIteration_fn)(StatusOpaque* status, std::uintptr_t handle);
 
+// A table whose five entries are the given operations, for a provider of status objects.
+inline StatusFunctions statusFunctionsOf(getNextStatusPair_fn getNextStatusPair,
+                                         getStatusString_fn getStatusString,
+                                         getStatusInteger_fn getStatusInteger,
+                                         deleteStatus_fn deleteStatus,
+                                         freeStatusIteration_fn freeStatusIteration) {
+  StatusFunctions table{};
+  table.entries[getNextStatusPairEntry] = reinterpret_cast<StatusFunction>(getNextStatusPair);
+  table.entries[getStatusStringEntry] = reinterpret_cast<StatusFunction>(getStatusString);
+  table.entries[getStatusIntegerEntry] = reinterpret_cast<StatusFunction>(getStatusInteger);
+  table.entries[deleteStatusEntry] = reinterpret_cast<StatusFunction>(deleteStatus);
+  table.entries[freeStatusIterationEntry] = reinterpret_cast<StatusFunction>(freeStatusIteration);
+  return table;
+}
+
 }  // extern "C"
 
-#endif  // VIGILO_PLATFORM_STATUSOPAQUE_H_
+#endif  // VIGILO_PLATFORM_OVCLIENT_STATUSOPAQUE_H_

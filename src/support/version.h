@@ -1,9 +1,9 @@
 // The build-time identity of vigilo and the three texts made from it. The pieces are joined at
 // compile time, so the banner, the version line and the product line cannot drift apart.
-#ifndef VIGILO_FRONT_VERSION_H_
-#define VIGILO_FRONT_VERSION_H_
+#ifndef VIGILO_SUPPORT_VERSION_H_
+#define VIGILO_SUPPORT_VERSION_H_
 
-#include "front/build_info.h"
+#include "support/build_info.h"
 
 #define VIGILO_PRODUCT_WORD "Orvex"
 #define VIGILO_PROGRAM_NAME "vigilo"
@@ -26,4 +26,4 @@ inline constexpr char productVersionLine[] = VIGILO_PRODUCT_WORD " " VIGILO_VERS
 
 }  // namespace vigilo
 
-#endif  // VIGILO_FRONT_VERSION_H_
+#endif  // VIGILO_SUPPORT_VERSION_H_

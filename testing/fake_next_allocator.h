@@ -1,8 +1,8 @@
 // Test support: a next allocator that a test program loads ahead of the C library, so that the
 // program's entry points find it through RTLD_NEXT. It hands out blocks from a static arena,
 // never reuses them, and records every call with its arguments; it allocates nothing itself.
-#ifndef VIGILO_SUPPORT_FAKE_NEXT_ALLOCATOR_H_
-#define VIGILO_SUPPORT_FAKE_NEXT_ALLOCATOR_H_
+#ifndef VIGILO_TESTING_FAKE_NEXT_ALLOCATOR_H_
+#define VIGILO_TESTING_FAKE_NEXT_ALLOCATOR_H_
 
 #include <cstddef>
 
@@ -25,4 +25,4 @@ void fake_next_fail(int calls);
 
 }  // extern "C"
 
-#endif  // VIGILO_SUPPORT_FAKE_NEXT_ALLOCATOR_H_
+#endif  // VIGILO_TESTING_FAKE_NEXT_ALLOCATOR_H_

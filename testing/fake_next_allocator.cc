@@ -1,4 +1,4 @@
-#include "support/fake_next_allocator.h"
+#include "testing/fake_next_allocator.h"
 
 #include <atomic>
 #include <cstdint>

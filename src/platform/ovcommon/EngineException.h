@@ -1,8 +1,8 @@
 // The exception type of the engine libraries and of vigilo for engine failures: a copyable
 // carrier of one message text. Defined in libovcommon so that one type crosses every library
 // boundary of the process.
-#ifndef VIGILO_PLATFORM_ENGINEEXCEPTION_H_
-#define VIGILO_PLATFORM_ENGINEEXCEPTION_H_
+#ifndef VIGILO_PLATFORM_OVCOMMON_ENGINEEXCEPTION_H_
+#define VIGILO_PLATFORM_OVCOMMON_ENGINEEXCEPTION_H_
 
 #include <exception>
 #include <string>
@@ -25,4 +25,4 @@ class EngineException : public std::exception {
 
 }  // namespace com::orvex
 
-#endif  // VIGILO_PLATFORM_ENGINEEXCEPTION_H_
+#endif  // VIGILO_PLATFORM_OVCOMMON_ENGINEEXCEPTION_H_

@@ -1,6 +1,6 @@
 // Locks, conditions, semaphores and threads of the common support library (libovcommon).
-#ifndef VIGILO_PLATFORM_THREADS_H_
-#define VIGILO_PLATFORM_THREADS_H_
+#ifndef VIGILO_PLATFORM_OVCOMMON_THREADS_H_
+#define VIGILO_PLATFORM_OVCOMMON_THREADS_H_
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -10,7 +10,7 @@
 
 namespace com::orvex {
 
-// A non-recursive mutex with a name, for diagnostics. Not copyable.
+// A non-recursive mutex with a name, which its failures report. Not copyable.
 class Mutex {
  public:
   explicit Mutex(const char* name);
@@ -20,7 +20,6 @@ class Mutex {
 
   void lock();
   void unlock();
-  const char* name() const { return name_; }
 
  private:
   friend class Condition;
@@ -40,8 +39,6 @@ class Condition {
   // The caller holds the mutex. Returns false when the deadline passed, true when woken (a wake
   // may be spurious).
   bool timedwait(std::uint64_t deadlineMs);
-  void wait();
-  void signal();
   void broadcast();
 
  private:
@@ -96,4 +93,4 @@ class Thread {
 
 }  // namespace com::orvex
 
-#endif  // VIGILO_PLATFORM_THREADS_H_
+#endif  // VIGILO_PLATFORM_OVCOMMON_THREADS_H_
