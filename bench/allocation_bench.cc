@@ -29,9 +29,10 @@ double pairsPerSecond(Alloc allocate, Release release, std::size_t size) {
 
 // Runs this program for one route and returns its two figures.
 bool measure(const char* self, const char* route, std::size_t size, double& entry, double& next) {
-  const std::string command = std::string("VIGILO_BENCH_ROUTE=") + route +
-                              " ORVEX_MEMORY_TRACKING=" + (std::strcmp(route, "tracking") == 0 ? "1" : "0") +
-                              " " + self + " " + std::to_string(size);
+  const std::string command =
+      std::string("VIGILO_BENCH_ROUTE=") + route +
+      " ORVEX_MEMORY_TRACKING=" + (std::strcmp(route, "tracking") == 0 ? "1" : "0") + " " + self +
+      " " + std::to_string(size);
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return false;
   const bool ok = std::fscanf(pipe, "%lf %lf", &entry, &next) == 2;
@@ -44,8 +45,8 @@ int main(int argc, char** argv) {
   if (std::getenv("VIGILO_BENCH_ROUTE") != nullptr && argc > 1) {
     const std::size_t size = std::strtoul(argv[1], nullptr, 10);
     ov_installOutOfMemoryCatcher();
-    const double entry = pairsPerSecond([](std::size_t n) { return malloc(n); },
-                                        [](void* b) { free(b); }, size);
+    const double entry =
+        pairsPerSecond([](std::size_t n) { return malloc(n); }, [](void* b) { free(b); }, size);
     const double next = pairsPerSecond([](std::size_t n) { return sysmalloc(n); },
                                        [](void* b) { sysfree(b); }, size);
     std::printf("%.0f %.0f\n", entry, next);

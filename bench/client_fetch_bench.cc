@@ -2,12 +2,11 @@
 // of the same HTTP request on a raw socket to the same engine in the same run. The ratio is the
 // client library's own cost: framing, the JSON document, and the status object.
 #include <arpa/inet.h>
+#include <benchmark/benchmark.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <benchmark/benchmark.h>
 
 #include <string>
 

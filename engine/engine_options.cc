@@ -52,8 +52,7 @@ bool parseEngineOptions(int argc, char** argv, engine_options& options, std::str
       options.contexts = static_cast<int>(n);
     } else if (arg == "--load" && number(value, 0, 10'000'000, n)) {
       options.load = n;
-    } else if (arg == "--user-status" && std::strchr(value, '=') != nullptr &&
-               *value != '=') {
+    } else if (arg == "--user-status" && std::strchr(value, '=') != nullptr && *value != '=') {
       const char* eq = std::strchr(value, '=');
       options.userStatus.emplace_back(std::string(value, eq), std::string(eq + 1));
     } else {

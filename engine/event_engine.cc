@@ -20,169 +20,169 @@ std::uint64_t digest(const event& e) {
 
 }  // namespace
 
-event_engine::event_engine(int contexts) {
-  for (int i = 0; i < contexts; ++i) {
+event_engine::event_engine(int contextCount) {
+  for (int i = 0; i < contextCount; ++i) {
     auto c = std::make_unique<context>();
     c->name = "context-" + std::to_string(i + 1);
-    contexts_.push_back(std::move(c));
+    contexts.push_back(std::move(c));
   }
-  for (auto& c : contexts_) c->thread = std::thread([this, &self = *c] { processEvents(self); });
-  router_ = std::thread([this] { routeEvents(); });
-  sender_ = std::thread([this] { sendEvents(); });
+  for (auto& c : contexts) c->thread = std::thread([this, &self = *c] { processEvents(self); });
+  router = std::thread([this] { routeEvents(); });
+  sender = std::thread([this] { sendEvents(); });
 }
 
 event_engine::~event_engine() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    stopping_ = true;
+    std::lock_guard<std::mutex> lock(mutex);
+    stopping = true;
   }
-  routerWake_.notify_all();
-  senderWake_.notify_all();
-  spaceFreed_.notify_all();
-  for (auto& c : contexts_) c->wake.notify_all();
-  router_.join();
-  sender_.join();
-  for (auto& c : contexts_) c->thread.join();
+  routerWake.notify_all();
+  senderWake.notify_all();
+  spaceFreed.notify_all();
+  for (auto& c : contexts) c->wake.notify_all();
+  router.join();
+  sender.join();
+  for (auto& c : contexts) c->thread.join();
 }
 
 bool event_engine::submit(std::vector<event> events, bool waitForSpace) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  const auto fits = [&] { return input_.size() + events.size() <= inputCapacity; };
-  if (waitForSpace) spaceFreed_.wait(lock, [&] { return stopping_ || fits(); });
-  if (stopping_ || !fits()) return false;
-  for (auto& e : events) input_.push_back(std::move(e));
-  received_ += events.size();
-  routerWake_.notify_one();
+  std::unique_lock<std::mutex> lock(mutex);
+  const auto fits = [&] { return input.size() + events.size() <= inputCapacity; };
+  if (waitForSpace) spaceFreed.wait(lock, [&] { return stopping || fits(); });
+  if (stopping || !fits()) return false;
+  for (auto& e : events) input.push_back(std::move(e));
+  received += events.size();
+  routerWake.notify_one();
   return true;
 }
 
 void event_engine::routeEvents() {
   const std::hash<std::string> hash;
-  std::unique_lock<std::mutex> lock(mutex_);
+  std::unique_lock<std::mutex> lock(mutex);
   for (;;) {
-    routerWake_.wait(lock, [&] { return stopping_ || !input_.empty(); });
-    if (stopping_) return;
+    routerWake.wait(lock, [&] { return stopping || !input.empty(); });
+    if (stopping) return;
     std::vector<event> batch;
-    while (!input_.empty() && batch.size() < routeBatch) {
-      batch.push_back(std::move(input_.front()));
-      input_.pop_front();
+    while (!input.empty() && batch.size() < routeBatch) {
+      batch.push_back(std::move(input.front()));
+      input.pop_front();
     }
-    routing_ = batch.size();
-    spaceFreed_.notify_all();
+    routing = batch.size();
+    spaceFreed.notify_all();
     for (auto& e : batch) {
       lock.unlock();
-      context& target = *contexts_[hash(e.type) % contexts_.size()];
+      context& target = *contexts[hash(e.type) % contexts.size()];
       lock.lock();
-      if (stopping_) return;
+      if (stopping) return;
       target.queue.push_back(std::move(e));
-      --routing_;
-      ++routed_;
+      --routing;
+      ++routed;
       target.wake.notify_one();
     }
   }
 }
 
 void event_engine::processEvents(context& self) {
-  std::unique_lock<std::mutex> lock(mutex_);
+  std::unique_lock<std::mutex> lock(mutex);
   for (;;) {
-    self.wake.wait(lock, [&] { return stopping_ || !self.queue.empty(); });
-    if (stopping_) return;
+    self.wake.wait(lock, [&] { return stopping || !self.queue.empty(); });
+    if (stopping) return;
     event e = std::move(self.queue.front());
     self.queue.pop_front();
     lock.unlock();
     const std::uint64_t d = digest(e);
     event out{"Processed", e.type + "," + std::to_string(d)};
     lock.lock();
-    types_.insert(e.type);
-    ++processed_;
-    ++emitted_;
-    output_.push_back(std::move(out));
-    senderWake_.notify_one();
+    types.insert(e.type);
+    ++processed;
+    ++emitted;
+    output.push_back(std::move(out));
+    senderWake.notify_one();
   }
 }
 
 void event_engine::sendEvents() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  std::unique_lock<std::mutex> lock(mutex);
   for (;;) {
-    senderWake_.wait(lock, [&] { return stopping_ || !output_.empty(); });
-    if (stopping_) return;
-    event e = std::move(output_.front());
-    output_.pop_front();
+    senderWake.wait(lock, [&] { return stopping || !output.empty(); });
+    if (stopping) return;
+    event e = std::move(output.front());
+    output.pop_front();
     lock.unlock();
     volatile std::uint64_t delivered = digest(e);  // the receiver's work
     (void)delivered;
     lock.lock();
-    ++sent_;
+    ++sent;
   }
 }
 
 std::uint64_t event_engine::uptimeMs() const {
   return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                        std::chrono::steady_clock::now() - started_)
+                                        std::chrono::steady_clock::now() - started)
                                         .count());
 }
 
 status_pairs event_engine::snapshot() const {
   const std::uint64_t uptime = uptimeMs();
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<std::mutex> lock(mutex);
   std::size_t contextQueued = 0;
-  const context* slowest = contexts_.front().get();
-  for (const auto& c : contexts_) {
+  const context* slowest = contexts.front().get();
+  for (const auto& c : contexts) {
     contextQueued += c->queue.size();
     if (c->queue.size() > slowest->queue.size()) slowest = c.get();
   }
   auto n = [](std::uint64_t v) { return std::to_string(v); };
   status_pairs pairs = {
       {"uptime", n(uptime)},
-      {"numContexts", n(contexts_.size())},
-      {"numMonitors", n(types_.size())},  // one monitor per event type
-      {"numProcesses", n(types_.size())},
+      {"numContexts", n(contexts.size())},
+      {"numMonitors", n(types.size())},  // one monitor per event type
+      {"numProcesses", n(types.size())},
       {"numJavaApplications", "0"},
       {"numListeners", "1"},  // the receiver's
       {"numSubListeners", "0"},
-      {"numEventTypes", n(types_.size())},
-      {"numQueuedInput", n(input_.size())},
-      {"numReceived", n(received_)},
-      {"numQueuedFastTrack", n(routing_)},
-      {"numFastTracked", n(routed_)},
+      {"numEventTypes", n(types.size())},
+      {"numQueuedInput", n(input.size())},
+      {"numReceived", n(received)},
+      {"numQueuedFastTrack", n(routing)},
+      {"numFastTracked", n(routed)},
       {"numConsumers", "1"},
-      {"numOutEventsQueued", n(output_.size())},
-      {"numEmits", n(emitted_)},
-      {"numOutEventsSent", n(sent_)},
+      {"numOutEventsQueued", n(output.size())},
+      {"numEmits", n(emitted)},
+      {"numOutEventsSent", n(sent)},
       // ovengine keeps no persistent state.
       {"persistenceNumSnapshots", "0"},
       {"persistenceLastSnapshotTime", "never"},
       {"persistenceSnapshotWaitTimeEwmaMillis", "0.0"},
       {"persistenceCommitTimeEwmaMillis", "0.0"},
       {"persistenceLastSnapshotRowsChangedEwma", "0.0"},
-      {"numProcessed", n(processed_)},
+      {"numProcessed", n(processed)},
       {"mostBackedUpInputContext", slowest->name},
       {"mostBackedUpICQueueSize", n(slowest->queue.size())},
       {"slowestReceiver", "receiver-1"},
-      {"slowestReceiverQueueSize", n(output_.size())},
+      {"slowestReceiverQueueSize", n(output.size())},
       {"numInputQueuedInput", n(contextQueued)},
   };
-  for (const auto& [key, value] : user_) pairs.emplace_back("user-" + key, value);
+  for (const auto& [key, value] : userValues) pairs.emplace_back("user-" + key, value);
   return pairs;
 }
 
 void event_engine::setUserStatus(const std::string& key, const std::string& value) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (auto& [k, v] : user_) {
+  std::lock_guard<std::mutex> lock(mutex);
+  for (auto& [k, v] : userValues) {
     if (k == key) {
       v = value;
       return;
     }
   }
-  user_.emplace_back(key, value);
+  userValues.emplace_back(key, value);
 }
 
 bool event_engine::removeUserStatus(const std::string& key) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  const auto found =
-      std::find_if(user_.begin(), user_.end(), [&](const auto& p) { return p.first == key; });
-  if (found == user_.end()) return false;
-  user_.erase(found);
+  std::lock_guard<std::mutex> lock(mutex);
+  const auto found = std::find_if(userValues.begin(), userValues.end(),
+                                  [&](const auto& p) { return p.first == key; });
+  if (found == userValues.end()) return false;
+  userValues.erase(found);
   return true;
 }
 

@@ -31,8 +31,8 @@ class event_engine {
  public:
   static constexpr std::size_t inputCapacity = 1'000'000;
 
-  // Starts the router, `contexts` context threads and the sender.
-  explicit event_engine(int contexts);
+  // Starts the router, `contextCount` context threads and the sender.
+  explicit event_engine(int contextCount);
   // Stops and joins every thread; queued events are dropped.
   ~event_engine();
   event_engine(const event_engine&) = delete;
@@ -65,28 +65,28 @@ class event_engine {
   void processEvents(context& self);
   void sendEvents();
 
-  const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
-  mutable std::mutex mutex_;
-  std::condition_variable routerWake_;
-  std::condition_variable senderWake_;
-  std::condition_variable spaceFreed_;
-  bool stopping_ = false;
+  const std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+  mutable std::mutex mutex;
+  std::condition_variable routerWake;
+  std::condition_variable senderWake;
+  std::condition_variable spaceFreed;
+  bool stopping = false;
 
-  std::deque<event> input_;
-  std::size_t routing_ = 0;  // taken off the input queue by the router, not yet handed over
-  std::vector<std::unique_ptr<context>> contexts_;
-  std::deque<event> output_;
-  std::set<std::string> types_;
-  status_pairs user_;
+  std::deque<event> input;
+  std::size_t routing = 0;  // taken off the input queue by the router, not yet handed over
+  std::vector<std::unique_ptr<context>> contexts;
+  std::deque<event> output;
+  std::set<std::string> types;
+  status_pairs userValues;
 
-  std::uint64_t received_ = 0;
-  std::uint64_t routed_ = 0;
-  std::uint64_t processed_ = 0;
-  std::uint64_t emitted_ = 0;
-  std::uint64_t sent_ = 0;
+  std::uint64_t received = 0;
+  std::uint64_t routed = 0;
+  std::uint64_t processed = 0;
+  std::uint64_t emitted = 0;
+  std::uint64_t sent = 0;
 
-  std::thread router_;
-  std::thread sender_;
+  std::thread router;
+  std::thread sender;
 };
 
 }  // namespace ovengine

@@ -23,8 +23,8 @@ bool parseEventLines(std::string_view body, std::vector<event>& events, std::str
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     if (line.empty()) continue;
     const auto open = line.find('(');
-    bool ok = open != std::string_view::npos && open > 0 && line.back() == ')' &&
-              typeStart(line[0]);
+    bool ok =
+        open != std::string_view::npos && open > 0 && line.back() == ')' && typeStart(line[0]);
     for (std::size_t i = 1; ok && i < open; ++i) ok = typeChar(line[i]);
     if (!ok) {
       error = "line " + std::to_string(number) + ": expected Type(fields)";

@@ -53,10 +53,8 @@ void configureServer(httplib::Server& server) {
 }
 
 void installRoutes(httplib::Server& server, event_engine& engine, int port) {
-
-  server.Get("/ping", [](const httplib::Request&, httplib::Response& res) {
-    reply(res, 200, "pong");
-  });
+  server.Get("/ping",
+             [](const httplib::Request&, httplib::Response& res) { reply(res, 200, "pong"); });
   server.Get("/info", [&engine, port](const httplib::Request&, httplib::Response& res) {
     const json info = {{"name", "ovengine"},
                        {"version", "1.0.0"},
@@ -78,25 +76,26 @@ void installRoutes(httplib::Server& server, event_engine& engine, int port) {
     if (!engine.submit(std::move(events))) return reply(res, 503, "input queue full");
     reply(res, 200, "accepted " + std::to_string(count) + " events");
   });
-  server.Put(R"(/status/user/([^/]*))", [&engine](const httplib::Request& req,
-                                                  httplib::Response& res) {
-    const std::string key = req.matches[1];
-    if (!validUserKey(key)) {
-      return reply(res, 400, "user status key must be 1 to 128 of A-Z a-z 0-9 _ - .");
-    }
-    if (req.body.size() > maxUserValue) {
-      return reply(res, 413, "user status value exceeds " + std::to_string(maxUserValue) +
-                                 " bytes");
-    }
-    engine.setUserStatus(key, req.body);
-    reply(res, 200, "user-" + key + " set");
-  });
-  server.Delete(R"(/status/user/([^/]*))", [&engine](const httplib::Request& req,
-                                                     httplib::Response& res) {
-    const std::string key = req.matches[1];
-    if (!engine.removeUserStatus(key)) return reply(res, 404, "no user status " + key);
-    reply(res, 200, "user-" + key + " removed");
-  });
+  server.Put(
+      R"(/status/user/([^/]*))", [&engine](const httplib::Request& req, httplib::Response& res) {
+        const std::string key = req.matches[1];
+        if (!validUserKey(key)) {
+          return reply(res, 400, "user status key must be 1 to 128 of A-Z a-z 0-9 _ - .");
+        }
+        if (req.body.size() > maxUserValue) {
+          return reply(res, 413,
+                       "user status value exceeds " + std::to_string(maxUserValue) + " bytes");
+        }
+        engine.setUserStatus(key, req.body);
+        reply(res, 200, "user-" + key + " set");
+      });
+  server.Delete(R"(/status/user/([^/]*))",
+                [&engine](const httplib::Request& req, httplib::Response& res) {
+                  const std::string key = req.matches[1];
+                  if (!engine.removeUserStatus(key))
+                    return reply(res, 404, "no user status " + key);
+                  reply(res, 200, "user-" + key + " removed");
+                });
 
   allowOnly(server, "/ping", "GET");
   allowOnly(server, "/info", "GET");
@@ -105,15 +104,17 @@ void installRoutes(httplib::Server& server, event_engine& engine, int port) {
   allowOnly(server, R"(/status/user/([^/]*))", "PUT, DELETE");
 
   // Whatever reaches no route, and refusals by the server itself, get a reason too.
-  server.set_error_handler(httplib::Server::HandlerWithResponse([](const httplib::Request& req,
-                                                                   httplib::Response& res) {
-    if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
-    if (res.status == 404) reply(res, 404, "no such resource " + req.path);
-    else if (res.status == 413) {
-      reply(res, 413, "request body exceeds " + std::to_string(maxRequestBody) + " bytes");
-    } else reply(res, res.status, "bad request");
-    return httplib::Server::HandlerResponse::Handled;
-  }));
+  server.set_error_handler(
+      httplib::Server::HandlerWithResponse([](const httplib::Request& req, httplib::Response& res) {
+        if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        if (res.status == 404)
+          reply(res, 404, "no such resource " + req.path);
+        else if (res.status == 413) {
+          reply(res, 413, "request body exceeds " + std::to_string(maxRequestBody) + " bytes");
+        } else
+          reply(res, res.status, "bad request");
+        return httplib::Server::HandlerResponse::Handled;
+      }));
 }
 
 }  // namespace ovengine

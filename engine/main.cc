@@ -1,4 +1,5 @@
 // ovengine: a real event-processing engine for vigilo to watch.
+#include <httplib.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -8,8 +9,6 @@
 #include <cstdio>
 #include <iostream>
 #include <thread>
-
-#include <httplib.h>
 
 #include "engine_options.h"
 #include "event_engine.h"
@@ -72,10 +71,9 @@ int main(int argc, char** argv) {
 
   httplib::Server server;
   ovengine::configureServer(server);
-  const int port = options.port == 0 ? server.bind_to_any_port(options.bind)
-                                     : (server.bind_to_port(options.bind, options.port)
-                                            ? options.port
-                                            : -1);
+  const int port = options.port == 0
+                       ? server.bind_to_any_port(options.bind)
+                       : (server.bind_to_port(options.bind, options.port) ? options.port : -1);
   if (port <= 0) {
     std::cerr << "ovengine: cannot listen on " << options.bind << ":" << options.port << "\n";
     return 1;

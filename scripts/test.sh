@@ -6,6 +6,10 @@ cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
 
+echo "== format" >&2
+find . \( -path './build*' -o -path ./.git \) -prune -o \( -name '*.cc' -o -name '*.h' \) -print |
+  xargs clang-format --dry-run --Werror
+
 for preset in default asan tsan; do
   echo "== $preset build" >&2
   cmake --preset "$preset" >/dev/null

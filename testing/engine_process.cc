@@ -13,17 +13,17 @@ namespace vigilo::test_support {
 engine_process::engine_process(const std::string& binary, const std::vector<std::string>& extra) {
   std::vector<std::string> argv = {binary, "--port", "0"};
   argv.insert(argv.end(), extra.begin(), extra.end());
-  process_ = std::make_unique<child_process>(argv);
+  child = std::make_unique<child_process>(argv);
   const std::string banner = "ovengine listening on 127.0.0.1:";
-  const bool started = process_->waitFor(
+  const bool started = child->waitFor(
       [&](const std::string& out, const std::string&) {
         const auto at = out.find(banner);
         return at != std::string::npos && out.find('\n', at) != std::string::npos;
       },
       std::chrono::seconds(10));
-  if (!started) throw std::runtime_error("ovengine did not start: " + process_->err());
-  const std::string& out = process_->out();
-  port_ = static_cast<unsigned short>(std::stoi(out.substr(out.find(banner) + banner.size())));
+  if (!started) throw std::runtime_error("ovengine did not start: " + child->err());
+  const std::string& out = child->out();
+  listenPort = static_cast<unsigned short>(std::stoi(out.substr(out.find(banner) + banner.size())));
 }
 
 unsigned short closedLoopbackPort() {

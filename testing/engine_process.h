@@ -17,12 +17,12 @@ class engine_process {
   // its port. Throws std::runtime_error when that line does not come.
   explicit engine_process(const std::string& binary, const std::vector<std::string>& extra = {});
 
-  child_process& process() { return *process_; }
-  unsigned short port() const { return port_; }
+  child_process& process() { return *child; }
+  unsigned short port() const { return listenPort; }
 
  private:
-  std::unique_ptr<child_process> process_;
-  unsigned short port_ = 0;
+  std::unique_ptr<child_process> child;
+  unsigned short listenPort = 0;
 };
 
 // A port of 127.0.0.1 that was free a moment ago, so that a connection to it is refused.

@@ -49,7 +49,9 @@ inline std::string text7(const std::string& processed) {
          "Number of event types:                        7\n"
          "Events on input queue:                        7\n"
          "Events received:                              7\n"
-         "Events processed:                             " + processed + "\n"
+         "Events processed:                             " +
+         processed +
+         "\n"
          "Events on internal queue:                     7\n"
          "Events routed internally:                     7\n"
          "Number of consumers:                          7\n"

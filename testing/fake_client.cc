@@ -39,8 +39,8 @@ void disconnectFromEngine(EngineManagement* management) {
 
 }  // namespace com::orvex::engine
 
-extern "C" StatusOpaque* engineManagement_getStatusOpaque(
-    com::orvex::engine::EngineManagement*, char** error) {
+extern "C" StatusOpaque* engineManagement_getStatusOpaque(com::orvex::engine::EngineManagement*,
+                                                          char** error) {
   auto& fake = vigilo::test_support::fakeClient();
   const std::size_t index = static_cast<std::size_t>(
       std::count(fake.calls.begin(), fake.calls.end(), std::string("fetch")));

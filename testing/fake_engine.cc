@@ -9,9 +9,8 @@
 
 #include <cstring>
 #include <map>
-#include <stdexcept>
-
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 namespace vigilo::test_support {
 
@@ -42,10 +41,10 @@ fake_reply statusReply(const std::vector<std::pair<std::string, std::string>>& p
   return httpReply(200, "OK", document.dump());
 }
 
-fake_engine::fake_engine(script answer, const std::string& address) : answer_(std::move(answer)) {
+fake_engine::fake_engine(script answer, const std::string& address) : answer(std::move(answer)) {
   const bool v6 = address.find(':') != std::string::npos;
-  listenFd_ = socket(v6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listenFd_ < 0) throw std::runtime_error("socket");
+  listenFd = socket(v6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listenFd < 0) throw std::runtime_error("socket");
   sockaddr_storage storage{};
   socklen_t length;
   if (v6) {
@@ -53,7 +52,7 @@ fake_engine::fake_engine(script answer, const std::string& address) : answer_(st
     a->sin6_family = AF_INET6;
     inet_pton(AF_INET6, address.c_str(), &a->sin6_addr);
     const int only = 1;
-    setsockopt(listenFd_, IPPROTO_IPV6, IPV6_V6ONLY, &only, sizeof only);
+    setsockopt(listenFd, IPPROTO_IPV6, IPV6_V6ONLY, &only, sizeof only);
     length = sizeof *a;
   } else {
     auto* a = reinterpret_cast<sockaddr_in*>(&storage);
@@ -61,60 +60,60 @@ fake_engine::fake_engine(script answer, const std::string& address) : answer_(st
     inet_pton(AF_INET, address.c_str(), &a->sin_addr);
     length = sizeof *a;
   }
-  if (bind(listenFd_, reinterpret_cast<sockaddr*>(&storage), length) != 0 ||
-      listen(listenFd_, 16) != 0) {
+  if (bind(listenFd, reinterpret_cast<sockaddr*>(&storage), length) != 0 ||
+      listen(listenFd, 16) != 0) {
     throw std::runtime_error(std::string("bind/listen: ") + std::strerror(errno));
   }
-  getsockname(listenFd_, reinterpret_cast<sockaddr*>(&storage), &length);
-  port_ = ntohs(v6 ? reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port
-                   : reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
-  if (pipe2(wakeFds_, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-  thread_ = std::thread([this] { run(); });
+  getsockname(listenFd, reinterpret_cast<sockaddr*>(&storage), &length);
+  listenPort = ntohs(v6 ? reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port
+                        : reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
+  if (pipe2(wakeFds, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+  thread = std::thread([this] { run(); });
 }
 
 fake_engine::~fake_engine() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    stop_ = true;
+    std::lock_guard<std::mutex> lock(mutex);
+    stopping = true;
   }
-  (void)!write(wakeFds_[1], "s", 1);
-  thread_.join();
-  close(listenFd_);
-  close(wakeFds_[0]);
-  close(wakeFds_[1]);
+  (void)!write(wakeFds[1], "s", 1);
+  thread.join();
+  close(listenFd);
+  close(wakeFds[0]);
+  close(wakeFds[1]);
 }
 
 void fake_engine::closeConnections() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  const int ticket = ++closeRequests_;
-  (void)!write(wakeFds_[1], "c", 1);
-  done_.wait(lock, [&] { return closesDone_ >= ticket; });
+  std::unique_lock<std::mutex> lock(mutex);
+  const int ticket = ++closeRequests;
+  (void)!write(wakeFds[1], "c", 1);
+  done.wait(lock, [&] { return closesDone >= ticket; });
 }
 
 void fake_engine::run() {
   std::map<int, std::string> clients;  // fd -> bytes of the request being read
   for (;;) {
-    std::vector<pollfd> fds = {{listenFd_, POLLIN, 0}, {wakeFds_[0], POLLIN, 0}};
+    std::vector<pollfd> fds = {{listenFd, POLLIN, 0}, {wakeFds[0], POLLIN, 0}};
     for (const auto& [fd, pending] : clients) fds.push_back({fd, POLLIN, 0});
     if (poll(fds.data(), fds.size(), -1) < 0) continue;
     if (fds[1].revents) {
       char c;
-      (void)!read(wakeFds_[0], &c, 1);
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (stop_) break;
-      if (closesDone_ < closeRequests_) {
+      (void)!read(wakeFds[0], &c, 1);
+      std::lock_guard<std::mutex> lock(mutex);
+      if (stopping) break;
+      if (closesDone < closeRequests) {
         for (const auto& [fd, pending] : clients) close(fd);
         clients.clear();
-        closesDone_ = closeRequests_;
-        done_.notify_all();
+        closesDone = closeRequests;
+        done.notify_all();
       }
       continue;
     }
     if (fds[0].revents) {
-      const int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+      const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd >= 0) {
         clients[fd];
-        ++accepted_;
+        ++accepted;
       }
     }
     for (std::size_t i = 2; i < fds.size(); ++i) {
@@ -136,7 +135,7 @@ void fake_engine::run() {
         const auto firstSpace = head.find(' ');
         const auto secondSpace = head.find(' ', firstSpace + 1);
         const std::string path = head.substr(firstSpace + 1, secondSpace - firstSpace - 1);
-        const fake_reply reply = answer_(path, requests_++);
+        const fake_reply reply = answer(path, requests++);
         if (reply.silent) continue;
         sendAll(fd, reply.bytes);
         if (reply.closeAfter) {

@@ -36,9 +36,9 @@ class fake_engine {
   explicit fake_engine(script answer, const std::string& address = "127.0.0.1");
   ~fake_engine();
 
-  unsigned short port() const { return port_; }
-  int connectionsAccepted() const { return accepted_; }
-  int requestsSeen() const { return requests_; }
+  unsigned short port() const { return listenPort; }
+  int connectionsAccepted() const { return accepted; }
+  int requestsSeen() const { return requests; }
   // Closes every open client connection, as an engine does with idle kept-alive ones; returns
   // once they are closed.
   void closeConnections();
@@ -46,18 +46,18 @@ class fake_engine {
  private:
   void run();
 
-  script answer_;
-  int listenFd_ = -1;
-  int wakeFds_[2] = {-1, -1};
-  unsigned short port_ = 0;
-  std::atomic<int> accepted_{0};
-  std::atomic<int> requests_{0};
-  std::mutex mutex_;
-  std::condition_variable done_;
-  int closeRequests_ = 0;
-  int closesDone_ = 0;
-  bool stop_ = false;
-  std::thread thread_;
+  script answer;
+  int listenFd = -1;
+  int wakeFds[2] = {-1, -1};
+  unsigned short listenPort = 0;
+  std::atomic<int> accepted{0};
+  std::atomic<int> requests{0};
+  std::mutex mutex;
+  std::condition_variable done;
+  int closeRequests = 0;
+  int closesDone = 0;
+  bool stopping = false;
+  std::thread thread;
 };
 
 }  // namespace vigilo::test_support

@@ -50,32 +50,32 @@ bool failNow() {
 extern "C" {
 
 void* malloc(std::size_t size) {
-  return record(fake_malloc, size, 0, failNow() ? nullptr : bump(size));
+  return record(fakeMalloc, size, 0, failNow() ? nullptr : bump(size));
 }
 
 void* calloc(std::size_t count, std::size_t unit) {
   void* block = nullptr;
   if (!failNow() && (unit == 0 || count <= SIZE_MAX / unit)) block = bump(count * unit);
   if (block != nullptr) std::memset(block, 0, count * unit);
-  return record(fake_calloc, count, unit, block);
+  return record(fakeCalloc, count, unit, block);
 }
 
 void* realloc(void* old, std::size_t size) {
   const auto oldNumber = reinterpret_cast<std::uintptr_t>(old);
-  if (old != nullptr && size == 0) return record(fake_realloc, oldNumber, 0, nullptr);
+  if (old != nullptr && size == 0) return record(fakeRealloc, oldNumber, 0, nullptr);
   void* block = failNow() ? nullptr : bump(size);
   if (block != nullptr && old != nullptr && ours(old)) {
     std::size_t oldSize;
     std::memcpy(&oldSize, static_cast<unsigned char*>(old) - 16, sizeof oldSize);
     std::memcpy(block, old, oldSize < size ? oldSize : size);
   }
-  return record(fake_realloc, oldNumber, size, block);
+  return record(fakeRealloc, oldNumber, size, block);
 }
 
-void free(void* block) { record(fake_free, reinterpret_cast<std::uintptr_t>(block), 0, nullptr); }
+void free(void* block) { record(fakeFree, reinterpret_cast<std::uintptr_t>(block), 0, nullptr); }
 
-std::size_t fake_next_call_count() { return callCount.load(); }
-fake_next_call fake_next_call_at(std::size_t index) { return calls[index % logSize]; }
-void fake_next_fail(int n) { failures.store(n); }
+std::size_t fakeNextCallCount() { return callCount.load(); }
+fake_next_call fakeNextCallAt(std::size_t index) { return calls[index % logSize]; }
+void fakeNextFail(int n) { failures.store(n); }
 
 }  // extern "C"

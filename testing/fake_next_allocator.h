@@ -8,7 +8,7 @@
 
 extern "C" {
 
-enum fake_next_kind { fake_malloc = 1, fake_calloc, fake_realloc, fake_free };
+enum fake_next_kind { fakeMalloc = 1, fakeCalloc, fakeRealloc, fakeFree };
 
 struct fake_next_call {
   int kind;
@@ -18,10 +18,10 @@ struct fake_next_call {
 };
 
 // Calls recorded so far; entries older than the last 4096 are overwritten.
-std::size_t fake_next_call_count();
-fake_next_call fake_next_call_at(std::size_t index);
+std::size_t fakeNextCallCount();
+fake_next_call fakeNextCallAt(std::size_t index);
 // The next `calls` allocations return null.
-void fake_next_fail(int calls);
+void fakeNextFail(int calls);
 
 }  // extern "C"
 

@@ -64,7 +64,7 @@ std::uint64_t statusNumber(std::string_view value) {
   if (value.empty() || ec != std::errc() || end != value.data() + value.size()) return 0;
   if (!negative) return magnitude;
   if (magnitude > (std::uint64_t{1} << 63)) return 0;  // below the 64-bit signed range
-  return ~magnitude + 1;  // two's complement
+  return ~magnitude + 1;                               // two's complement
 }
 
 StatusOpaque* newClientStatus(status_pairs pairs) {

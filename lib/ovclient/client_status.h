@@ -1,7 +1,7 @@
 // The status object that the client library hands out: one status document's pairs behind the
 // StatusOpaque layout and its operation table.
-#ifndef VIGILO_OVCLIENT_CLIENT_STATUS_H_
-#define VIGILO_OVCLIENT_CLIENT_STATUS_H_
+#ifndef VIGILO_LIB_OVCLIENT_CLIENT_STATUS_H_
+#define VIGILO_LIB_OVCLIENT_CLIENT_STATUS_H_
 
 #include <cstdint>
 #include <string_view>
@@ -24,4 +24,4 @@ std::uint64_t statusNumber(std::string_view value);
 
 }  // namespace com::orvex::client
 
-#endif  // VIGILO_OVCLIENT_CLIENT_STATUS_H_
+#endif  // VIGILO_LIB_OVCLIENT_CLIENT_STATUS_H_

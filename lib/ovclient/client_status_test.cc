@@ -19,7 +19,8 @@ struct owned_status {
     return reinterpret_cast<Fn>(status->functions->entries[entry]);
   }
   std::uint64_t integer(const char* key) const {
-    return static_cast<std::uint64_t>(call<getStatusInteger_fn>(getStatusIntegerEntry)(status, key));
+    return static_cast<std::uint64_t>(
+        call<getStatusInteger_fn>(getStatusIntegerEntry)(status, key));
   }
   const char* text(const char* key) const {
     return call<getStatusString_fn>(getStatusStringEntry)(status, key);
@@ -29,9 +30,9 @@ struct owned_status {
 
 TEST(ClientStatusTest, LookupsTakeTheFirstPairOfAKey) {
   owned_status record(status_pairs{{"numReceived", "18446744073709551615"},
-                       {"numReceived", "7"},
-                       {"name", "orders"},
-                       {"user-a", "1"}});
+                                   {"numReceived", "7"},
+                                   {"name", "orders"},
+                                   {"user-a", "1"}});
   EXPECT_EQ(record.integer("numReceived"), 18446744073709551615ULL);
   EXPECT_STREQ(record.text("numReceived"), "18446744073709551615");
   EXPECT_STREQ(record.text("name"), "orders");

@@ -97,8 +97,8 @@ extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* mana
     }
     return newClientStatus(std::move(pairs));
   } catch (const std::exception& e) {
-    const std::string text = "Status request to engine at " + management->connection.where() +
-                             " failed: " + e.what();
+    const std::string text =
+        "Status request to engine at " + management->connection.where() + " failed: " + e.what();
     *error = strdup(text.c_str());
     return nullptr;
   }

@@ -2,12 +2,11 @@
 #include "ovclient/engine_client.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <memory>
@@ -91,14 +90,18 @@ TEST_F(EngineClientTest, FetchesOverOneKeptAliveConnection) {
 }
 
 TEST_F(EngineClientTest, ReadsChunkedAndReadToCloseBodies) {
-  const std::string document = statusReply(somePairs).bytes.substr(
-      statusReply(somePairs).bytes.find("\r\n\r\n") + 4);
+  const std::string document =
+      statusReply(somePairs).bytes.substr(statusReply(somePairs).bytes.find("\r\n\r\n") + 4);
   fake_engine engine(pingThen([&](int request) {
     if (request % 2 == 1) {
       return fake_reply{"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" +
-                            [&] { char h[16]; std::snprintf(h, sizeof h, "%zx", document.size() - 10); return std::string(h); }() +
-                            "\r\n" + document.substr(0, document.size() - 10) + "\r\na\r\n" +
-                            document.substr(document.size() - 10) + "\r\n0\r\n\r\n"};
+                        [&] {
+                          char h[16];
+                          std::snprintf(h, sizeof h, "%zx", document.size() - 10);
+                          return std::string(h);
+                        }() +
+                        "\r\n" + document.substr(0, document.size() - 10) + "\r\na\r\n" +
+                        document.substr(document.size() - 10) + "\r\n0\r\n\r\n"};
     }
     return fake_reply{"HTTP/1.1 200 OK\r\n\r\n" + document, true};
   }));
@@ -139,10 +142,10 @@ TEST_F(EngineClientTest, RetriesARequestThatGotNoAnswerOnce) {
 
   fake_engine always(pingThen([](int) { return fake_reply{"", true}; }));
   connection n = connectTo("127.0.0.1", always.port());
-  EXPECT_EQ(fetch(n.get()), "error: Status request to engine at 127.0.0.1:" +
-                                std::to_string(always.port()) +
-                                " failed: GET /status: connection closed by the engine before "
-                                "any response");
+  EXPECT_EQ(fetch(n.get()),
+            "error: Status request to engine at 127.0.0.1:" + std::to_string(always.port()) +
+                " failed: GET /status: connection closed by the engine before "
+                "any response");
   EXPECT_EQ(always.requestsSeen(), 3);
 }
 
@@ -206,10 +209,12 @@ TEST_F(EngineClientTest, ConnectFailuresNameHostPortAndCause) {
 
   // The resolver's own words, which depend on whether a name server answered.
   const std::string unknown = connectError("nohost.invalid", 15903);
-  EXPECT_TRUE(unknown == "Could not connect to engine at nohost.invalid:15903: Name or service "
-                         "not known" ||
-              unknown == "Could not connect to engine at nohost.invalid:15903: Temporary "
-                         "failure in name resolution")
+  EXPECT_TRUE(unknown ==
+                  "Could not connect to engine at nohost.invalid:15903: Name or service "
+                  "not known" ||
+              unknown ==
+                  "Could not connect to engine at nohost.invalid:15903: Temporary "
+                  "failure in name resolution")
       << unknown;
 }
 
@@ -221,9 +226,10 @@ bool resolvesTo(const char* host, const char* address) {
   bool seen = false;
   for (addrinfo* a = found; a != nullptr; a = a->ai_next) {
     char text[INET6_ADDRSTRLEN] = "";
-    const void* raw = a->ai_family == AF_INET6
-                          ? static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(a->ai_addr)->sin6_addr)
-                          : static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_addr);
+    const void* raw =
+        a->ai_family == AF_INET6
+            ? static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(a->ai_addr)->sin6_addr)
+            : static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_addr);
     inet_ntop(a->ai_family, raw, text, sizeof text);
     seen = seen || std::string(text) == address;
   }
@@ -240,8 +246,8 @@ TEST_F(EngineClientTest, LocalhostReachesAnEngineOnIpv4Only) {
 TEST_F(EngineClientTest, ReachesAnEngineOnIpv6Only) {
   std::unique_ptr<fake_engine> listening;
   try {
-    listening = std::make_unique<fake_engine>(pingThen([](int) { return statusReply(somePairs); }),
-                                              "::1");
+    listening =
+        std::make_unique<fake_engine>(pingThen([](int) { return statusReply(somePairs); }), "::1");
   } catch (const std::runtime_error& e) {
     GTEST_SKIP() << "no IPv6 loopback on this machine: " << e.what();
   }

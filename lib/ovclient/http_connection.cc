@@ -73,89 +73,89 @@ struct http_connection::exchange_result {
 
 http_connection::http_connection(std::string host, unsigned short port, client_timeouts timeouts,
                                  std::string userAgent)
-    : host_(std::move(host)),
-      port_(port),
-      timeouts_(timeouts),
-      userAgent_(std::move(userAgent)),
-      where_(whereOf(host_, port_)) {}
+    : host(std::move(host)),
+      port(port),
+      timeouts(timeouts),
+      userAgent(std::move(userAgent)),
+      location(whereOf(this->host, port)) {}
 
 http_connection::~http_connection() { closeSocket(); }
 
 void http_connection::closeSocket() {
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
+  if (fd >= 0) close(fd);
+  fd = -1;
 }
 
 void http_connection::open() {
-  if (fd_ >= 0) return;
-  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts_.connectMs);
+  if (fd >= 0) return;
+  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts.connectMs);
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  const std::string service = std::to_string(port_);
-  const int rc = getaddrinfo(host_.c_str(), service.c_str(), &hints, &found);
+  const std::string service = std::to_string(port);
+  const int rc = getaddrinfo(host.c_str(), service.c_str(), &hints, &found);
   if (rc != 0) {
     throw std::runtime_error(rc == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(rc));
   }
   std::string cause = "no address";
   for (addrinfo* a = found; a != nullptr; a = a->ai_next) {
-    const int fd = socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
-                          a->ai_protocol);
-    if (fd < 0) {
+    const int candidate =
+        socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
+    if (candidate < 0) {
       cause = std::strerror(errno);
       continue;
     }
     int error = 0;
-    if (connect(fd, a->ai_addr, a->ai_addrlen) != 0) {
+    if (connect(candidate, a->ai_addr, a->ai_addrlen) != 0) {
       error = errno;
       if (error == EINPROGRESS) {
-        if (!waitFor(fd, POLLOUT, deadline)) {
-          close(fd);
-          cause = timedOut(timeouts_.connectMs);
+        if (!waitFor(candidate, POLLOUT, deadline)) {
+          close(candidate);
+          cause = timedOut(timeouts.connectMs);
           break;
         }
         socklen_t length = sizeof error;
-        getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length);
+        getsockopt(candidate, SOL_SOCKET, SO_ERROR, &error, &length);
       }
     }
     if (error != 0) {
       cause = std::strerror(error);
-      close(fd);
+      close(candidate);
       continue;
     }
     // A request goes out in one piece; without this, a reply can wait on a delayed ACK.
     const int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-    fd_ = fd;
+    setsockopt(candidate, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    fd = candidate;
     break;
   }
   freeaddrinfo(found);
-  if (fd_ < 0) throw std::runtime_error(cause);
+  if (fd < 0) throw std::runtime_error(cause);
 }
 
 // An idle kept-alive connection that has become readable was closed by the engine (or holds
 // stray bytes): either way it cannot carry the next request.
 bool http_connection::peerClosed() const {
-  pollfd p{fd_, POLLIN, 0};
+  pollfd p{fd, POLLIN, 0};
   return poll(&p, 1, 0) != 0;
 }
 
 http_connection::exchange_result http_connection::exchange(const std::string& path) {
   exchange_result result;
-  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts_.responseMs);
-  const std::string request = "GET " + path + " HTTP/1.1\r\nHost: " + where_ +
-                              "\r\nUser-Agent: " + userAgent_ +
+  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts.responseMs);
+  const std::string request = "GET " + path + " HTTP/1.1\r\nHost: " + location +
+                              "\r\nUser-Agent: " + userAgent +
                               "\r\nAccept: application/json\r\n\r\n";
   std::size_t sent = 0;
   while (sent < request.size()) {
-    const ssize_t n = send(fd_, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
+    const ssize_t n = send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
     if (n > 0) {
       sent += static_cast<std::size_t>(n);
     } else if (errno == EAGAIN || errno == EINTR) {
-      if (!waitFor(fd_, POLLOUT, deadline)) {
+      if (!waitFor(fd, POLLOUT, deadline)) {
         result.timedOut = true;
-        result.error = timedOut(timeouts_.responseMs);
+        result.error = timedOut(timeouts.responseMs);
         return result;
       }
     } else {
@@ -167,13 +167,13 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
   http_response_reader reader;
   char buffer[65536];
   while (reader.current() == http_response_reader::state::reading) {
-    if (!waitFor(fd_, POLLIN, deadline)) {
+    if (!waitFor(fd, POLLIN, deadline)) {
       result.timedOut = true;
       result.receivedAnything = reader.receivedAnything();
-      result.error = timedOut(timeouts_.responseMs);
+      result.error = timedOut(timeouts.responseMs);
       return result;
     }
-    const ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+    const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
     if (n > 0) {
       reader.feed(std::string_view(buffer, static_cast<std::size_t>(n)));
     } else if (n == 0) {
@@ -197,7 +197,7 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
 
 http_response http_connection::get(const std::string& path) {
   for (int attempt = 0;; ++attempt) {
-    bool reused = fd_ >= 0;
+    bool reused = fd >= 0;
     if (reused && peerClosed()) {
       closeSocket();
       reused = false;

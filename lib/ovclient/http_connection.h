@@ -3,8 +3,8 @@
 // answers, under a connect time-out; each response must arrive whole within the response
 // time-out. A connection that the engine closed while idle is re-opened once, transparently.
 // Not thread-safe: one user at a time.
-#ifndef VIGILO_OVCLIENT_HTTP_CONNECTION_H_
-#define VIGILO_OVCLIENT_HTTP_CONNECTION_H_
+#ifndef VIGILO_LIB_OVCLIENT_HTTP_CONNECTION_H_
+#define VIGILO_LIB_OVCLIENT_HTTP_CONNECTION_H_
 
 #include <string>
 
@@ -34,7 +34,7 @@ class http_connection {
   http_connection& operator=(const http_connection&) = delete;
 
   // "host:port", with brackets around an IPv6 literal.
-  const std::string& where() const { return where_; }
+  const std::string& where() const { return location; }
 
   // Connects if not connected. Throws std::runtime_error with the cause ("Connection refused").
   void open();
@@ -48,14 +48,14 @@ class http_connection {
   bool peerClosed() const;
   void closeSocket();
 
-  const std::string host_;
-  const unsigned short port_;
-  const client_timeouts timeouts_;
-  const std::string userAgent_;
-  const std::string where_;
-  int fd_ = -1;
+  const std::string host;
+  const unsigned short port;
+  const client_timeouts timeouts;
+  const std::string userAgent;
+  const std::string location;
+  int fd = -1;
 };
 
 }  // namespace com::orvex::client
 
-#endif  // VIGILO_OVCLIENT_HTTP_CONNECTION_H_
+#endif  // VIGILO_LIB_OVCLIENT_HTTP_CONNECTION_H_

@@ -37,13 +37,13 @@ bool hasToken(std::string_view list, std::string_view token) {
 }  // namespace
 
 http_response_reader::http_response_reader(std::size_t headerLimit, std::size_t bodyLimit)
-    : headerLimit_(headerLimit), bodyLimit_(bodyLimit) {}
+    : headerLimit(headerLimit), bodyLimit(bodyLimit) {}
 
 http_response_reader::state http_response_reader::fail(std::string why) {
-  error_ = std::move(why);
-  keepAlive_ = false;
-  state_ = state::failed;
-  return state_;
+  failure = std::move(why);
+  reusable = false;
+  progress = state::failed;
+  return progress;
 }
 
 // Takes one line ending in LF (a CR before it is dropped) into `line`; false when the bytes end
@@ -52,37 +52,37 @@ http_response_reader::state http_response_reader::fail(std::string why) {
 bool http_response_reader::takeLine(std::string_view& bytes, std::string& line) {
   const auto lf = bytes.find('\n');
   const std::size_t take = lf == std::string_view::npos ? bytes.size() : lf + 1;
-  const bool inHead = phase_ == phase::statusLine || phase_ == phase::headers;
-  const std::size_t limit = inHead ? headerLimit_ : chunkLineLimit;
-  const std::size_t used = inHead ? headerBytes_ : line_.size();
+  const bool inHead = at == phase::statusLine || at == phase::headers;
+  const std::size_t limit = inHead ? headerLimit : chunkLineLimit;
+  const std::size_t used = inHead ? headerBytes : partialLine.size();
   if (used + take > limit) {
-    fail(inHead ? "response headers exceed " + std::to_string(headerLimit_) + " bytes"
-                : "malformed chunked body: line exceeds " + std::to_string(chunkLineLimit) +
-                      " bytes");
+    fail(inHead
+             ? "response headers exceed " + std::to_string(headerLimit) + " bytes"
+             : "malformed chunked body: line exceeds " + std::to_string(chunkLineLimit) + " bytes");
     return false;
   }
-  if (inHead) headerBytes_ += take;
-  line_.append(bytes.substr(0, take));
+  if (inHead) headerBytes += take;
+  partialLine.append(bytes.substr(0, take));
   bytes.remove_prefix(take);
   if (lf == std::string_view::npos) return false;
-  line_.pop_back();
-  if (!line_.empty() && line_.back() == '\r') line_.pop_back();
-  line.swap(line_);
-  line_.clear();
+  partialLine.pop_back();
+  if (!partialLine.empty() && partialLine.back() == '\r') partialLine.pop_back();
+  line.swap(partialLine);
+  partialLine.clear();
   return true;
 }
 
 bool http_response_reader::appendBody(std::string_view bytes) {
-  if (body_.size() + bytes.size() > bodyLimit_) {
-    fail("response body exceeds " + std::to_string(bodyLimit_) + " bytes");
+  if (content.size() + bytes.size() > bodyLimit) {
+    fail("response body exceeds " + std::to_string(bodyLimit) + " bytes");
     return false;
   }
-  body_.append(bytes);
+  content.append(bytes);
   return true;
 }
 
 http_response_reader::state http_response_reader::headerLine(const std::string& line) {
-  if (phase_ == phase::statusLine) {
+  if (at == phase::statusLine) {
     // "HTTP/1.1 200 OK"
     if (line.size() < 12 || line.compare(0, 7, "HTTP/1.") != 0 || line[8] != ' ' ||
         !std::isdigit(static_cast<unsigned char>(line[9])) ||
@@ -91,12 +91,12 @@ http_response_reader::state http_response_reader::headerLine(const std::string& 
         (line.size() > 12 && line[12] != ' ')) {
       return fail("malformed status line \"" + line.substr(0, 80) + "\"");
     }
-    http10_ = line[7] == '0';
-    keepAlive_ = !http10_;
-    status_ = (line[9] - '0') * 100 + (line[10] - '0') * 10 + (line[11] - '0');
-    reason_ = line.size() > 13 ? line.substr(13) : "";
-    phase_ = phase::headers;
-    return state_;
+    http10 = line[7] == '0';
+    reusable = !http10;
+    code = (line[9] - '0') * 100 + (line[10] - '0') * 10 + (line[11] - '0');
+    reasonPhrase = line.size() > 13 ? line.substr(13) : "";
+    at = phase::headers;
+    return progress;
   }
   if (line.empty()) return headersDone();
   const auto colon = line.find(':');
@@ -109,49 +109,49 @@ http_response_reader::state http_response_reader::headerLine(const std::string& 
     std::uint64_t length = 0;
     const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), length);
     if (value.empty() || ec != std::errc() || end != value.data() + value.size() ||
-        (hasLength_ && length != length_)) {
+        (hasLength && length != remaining)) {
       return fail("malformed Content-Length \"" + std::string(value.substr(0, 40)) + "\"");
     }
-    if (length > bodyLimit_) {
+    if (length > bodyLimit) {
       return fail("response body of " + std::to_string(length) + " bytes exceeds " +
-                  std::to_string(bodyLimit_) + " bytes");
+                  std::to_string(bodyLimit) + " bytes");
     }
-    hasLength_ = true;
-    length_ = length;
+    hasLength = true;
+    remaining = length;
   } else if (name == "transfer-encoding") {
     if (lower(value) != "chunked") {
       return fail("unsupported Transfer-Encoding \"" + std::string(value.substr(0, 40)) + "\"");
     }
-    chunked_ = true;
+    chunked = true;
   } else if (name == "connection") {
     if (hasToken(value, "close")) {
-      keepAlive_ = false;
-      sawConnectionHeader_ = true;
-    } else if (hasToken(value, "keep-alive") && !sawConnectionHeader_) {
-      keepAlive_ = true;
+      reusable = false;
+      sawConnectionHeader = true;
+    } else if (hasToken(value, "keep-alive") && !sawConnectionHeader) {
+      reusable = true;
     }
   }
-  return state_;
+  return progress;
 }
 
 http_response_reader::state http_response_reader::headersDone() {
-  if (status_ < 200 || status_ == 204 || status_ == 304) {
-    phase_ = phase::done;
-    return state_ = state::complete;
+  if (code < 200 || code == 204 || code == 304) {
+    at = phase::done;
+    return progress = state::complete;
   }
-  if (chunked_) {
-    phase_ = phase::chunkSize;  // chunked framing overrides any Content-Length
-  } else if (hasLength_) {
-    phase_ = phase::lengthBody;
-    if (length_ == 0) {
-      phase_ = phase::done;
-      return state_ = state::complete;
+  if (chunked) {
+    at = phase::chunkSize;  // chunked framing overrides any Content-Length
+  } else if (hasLength) {
+    at = phase::lengthBody;
+    if (remaining == 0) {
+      at = phase::done;
+      return progress = state::complete;
     }
   } else {
-    phase_ = phase::toClose;
-    keepAlive_ = false;
+    at = phase::toClose;
+    reusable = false;
   }
-  return state_;
+  return progress;
 }
 
 http_response_reader::state http_response_reader::chunkSizeLine(const std::string& line) {
@@ -162,35 +162,36 @@ http_response_reader::state http_response_reader::chunkSizeLine(const std::strin
   if (size.empty() || ec != std::errc() || end != size.data() + size.size()) {
     return fail("malformed chunked body: bad chunk size \"" + line.substr(0, 40) + "\"");
   }
-  if (length > bodyLimit_ - body_.size()) {
-    return fail("response body exceeds " + std::to_string(bodyLimit_) + " bytes");
+  if (length > bodyLimit - content.size()) {
+    return fail("response body exceeds " + std::to_string(bodyLimit) + " bytes");
   }
-  length_ = length;
-  phase_ = length == 0 ? phase::trailers : phase::chunkData;
-  return state_;
+  remaining = length;
+  at = length == 0 ? phase::trailers : phase::chunkData;
+  return progress;
 }
 
 http_response_reader::state http_response_reader::feed(std::string_view bytes) {
-  received_ += bytes.size();
+  receivedBytes += bytes.size();
   std::string line;
-  while (state_ == state::reading && !bytes.empty()) {
-    switch (phase_) {
+  while (progress == state::reading && !bytes.empty()) {
+    switch (at) {
       case phase::statusLine:
       case phase::headers:
         if (takeLine(bytes, line)) headerLine(line);
         break;
       case phase::lengthBody:
       case phase::chunkData: {
-        const std::size_t take = static_cast<std::size_t>(std::min<std::uint64_t>(length_, bytes.size()));
+        const std::size_t take =
+            static_cast<std::size_t>(std::min<std::uint64_t>(remaining, bytes.size()));
         if (!appendBody(bytes.substr(0, take))) break;
         bytes.remove_prefix(take);
-        length_ -= take;
-        if (length_ == 0) {
-          if (phase_ == phase::chunkData) {
-            phase_ = phase::chunkEnd;
+        remaining -= take;
+        if (remaining == 0) {
+          if (at == phase::chunkData) {
+            at = phase::chunkEnd;
           } else {
-            phase_ = phase::done;
-            state_ = state::complete;
+            at = phase::done;
+            progress = state::complete;
           }
         }
         break;
@@ -200,7 +201,7 @@ http_response_reader::state http_response_reader::feed(std::string_view bytes) {
           if (!line.empty()) {
             fail("malformed chunked body: chunk not followed by a line end");
           } else {
-            phase_ = phase::chunkSize;
+            at = phase::chunkSize;
           }
         }
         break;
@@ -209,8 +210,8 @@ http_response_reader::state http_response_reader::feed(std::string_view bytes) {
         break;
       case phase::trailers:
         if (takeLine(bytes, line) && line.empty()) {
-          phase_ = phase::done;
-          state_ = state::complete;
+          at = phase::done;
+          progress = state::complete;
         }
         break;
       case phase::toClose:
@@ -220,18 +221,18 @@ http_response_reader::state http_response_reader::feed(std::string_view bytes) {
         break;
     }
   }
-  if (state_ == state::complete && !bytes.empty()) keepAlive_ = false;
-  return state_;
+  if (progress == state::complete && !bytes.empty()) reusable = false;
+  return progress;
 }
 
 http_response_reader::state http_response_reader::finish() {
-  keepAlive_ = false;
-  if (state_ != state::reading) return state_;
-  if (phase_ == phase::toClose) {
-    phase_ = phase::done;
-    return state_ = state::complete;
+  reusable = false;
+  if (progress != state::reading) return progress;
+  if (at == phase::toClose) {
+    at = phase::done;
+    return progress = state::complete;
   }
-  if (received_ == 0) return fail("connection closed by the engine before any response");
+  if (receivedBytes == 0) return fail("connection closed by the engine before any response");
   return fail("connection closed by the engine in the middle of the response");
 }
 

@@ -2,8 +2,8 @@
 // Content-Length, by chunked transfer coding, or by the end of the connection. It holds no socket,
 // so that the client can feed it whatever arrives and the fuzzer can feed it anything. Header and
 // body sizes are bounded: no input can make it hold more than the two limits.
-#ifndef VIGILO_OVCLIENT_HTTP_RESPONSE_READER_H_
-#define VIGILO_OVCLIENT_HTTP_RESPONSE_READER_H_
+#ifndef VIGILO_LIB_OVCLIENT_HTTP_RESPONSE_READER_H_
+#define VIGILO_LIB_OVCLIENT_HTTP_RESPONSE_READER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -29,19 +29,28 @@ class http_response_reader {
   // is unfinished.
   state finish();
 
-  state current() const { return state_; }
-  bool receivedAnything() const { return received_ > 0; }
-  int statusCode() const { return status_; }
-  const std::string& reason() const { return reason_; }
-  const std::string& body() const { return body_; }
+  state current() const { return progress; }
+  bool receivedAnything() const { return receivedBytes > 0; }
+  int statusCode() const { return code; }
+  const std::string& reason() const { return reasonPhrase; }
+  const std::string& body() const { return content; }
   // Whether the connection may carry the next request once the response is complete.
-  bool keepAlive() const { return keepAlive_; }
+  bool keepAlive() const { return reusable; }
   // Why the response failed, for a person to act on.
-  const std::string& error() const { return error_; }
+  const std::string& error() const { return failure; }
 
  private:
-  enum class phase { statusLine, headers, lengthBody, chunkSize, chunkData, chunkEnd, trailers,
-                     toClose, done };
+  enum class phase {
+    statusLine,
+    headers,
+    lengthBody,
+    chunkSize,
+    chunkData,
+    chunkEnd,
+    trailers,
+    toClose,
+    done
+  };
 
   state fail(std::string why);
   bool takeLine(std::string_view& bytes, std::string& line);
@@ -50,25 +59,25 @@ class http_response_reader {
   state chunkSizeLine(const std::string& line);
   bool appendBody(std::string_view bytes);
 
-  const std::size_t headerLimit_;
-  const std::size_t bodyLimit_;
-  state state_ = state::reading;
-  phase phase_ = phase::statusLine;
-  std::size_t received_ = 0;
-  std::size_t headerBytes_ = 0;
-  std::string line_;  // the unfinished line
-  int status_ = 0;
-  bool http10_ = false;
-  std::string reason_;
-  bool keepAlive_ = true;
-  bool sawConnectionHeader_ = false;
-  bool chunked_ = false;
-  bool hasLength_ = false;
-  std::uint64_t length_ = 0;  // Content-Length, then the bytes left of the body or chunk
-  std::string body_;
-  std::string error_;
+  const std::size_t headerLimit;
+  const std::size_t bodyLimit;
+  state progress = state::reading;
+  phase at = phase::statusLine;
+  std::size_t receivedBytes = 0;
+  std::size_t headerBytes = 0;
+  std::string partialLine;  // the unfinished line
+  int code = 0;
+  bool http10 = false;
+  std::string reasonPhrase;
+  bool reusable = true;
+  bool sawConnectionHeader = false;
+  bool chunked = false;
+  bool hasLength = false;
+  std::uint64_t remaining = 0;  // Content-Length, then the bytes left of the body or chunk
+  std::string content;
+  std::string failure;
 };
 
 }  // namespace com::orvex::client
 
-#endif  // VIGILO_OVCLIENT_HTTP_RESPONSE_READER_H_
+#endif  // VIGILO_LIB_OVCLIENT_HTTP_RESPONSE_READER_H_

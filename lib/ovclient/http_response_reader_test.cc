@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "testing/param_name.h"
-
 #include <string>
+
+#include "testing/param_name.h"
 
 namespace com::orvex::client {
 namespace {
@@ -58,26 +58,36 @@ INSTANTIATE_TEST_SUITE_P(
                     state::complete, 200, "", true},
         reader_case{"no reason", "HTTP/1.1 200\r\nContent-Length: 1\r\n\r\nx", false,
                     state::complete, 200, "x", true},
-        reader_case{"connection close", "HTTP/1.1 200 OK\r\nConnection: close\r\n"
-                    "Content-Length: 1\r\n\r\nx", false, state::complete, 200, "x", false},
+        reader_case{"connection close",
+                    "HTTP/1.1 200 OK\r\nConnection: close\r\n"
+                    "Content-Length: 1\r\n\r\nx",
+                    false, state::complete, 200, "x", false},
         reader_case{"http/1.0 closes", "HTTP/1.0 200 OK\r\nContent-Length: 1\r\n\r\nx", false,
                     state::complete, 200, "x", false},
-        reader_case{"http/1.0 keep-alive", "HTTP/1.0 200 OK\r\nConnection: Keep-Alive\r\n"
-                    "Content-Length: 1\r\n\r\nx", false, state::complete, 200, "x", true},
-        reader_case{"chunked", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
-                    "5\r\nhello\r\n1;ext=1\r\n!\r\n0\r\nTrailer: x\r\n\r\n", false,
-                    state::complete, 200, "hello!", true},
-        reader_case{"chunked hex size", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
-                    "A\r\n0123456789\r\n0\r\n\r\n", false, state::complete, 200, "0123456789",
-                    true},
-        reader_case{"read to close", "HTTP/1.1 200 OK\r\n\r\nuntil the end", true,
-                    state::complete, 200, "until the end", false},
-        reader_case{"error status has a body", "HTTP/1.1 500 Internal Server Error\r\n"
-                    "Content-Length: 4\r\n\r\noops", false, state::complete, 500, "oops", true},
-        reader_case{"no body for 204", "HTTP/1.1 204 No Content\r\n\r\n", false,
-                    state::complete, 204, "", true},
-        reader_case{"bytes after the response", "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n"
-                    "xy", false, state::complete, 200, "x", false},
+        reader_case{"http/1.0 keep-alive",
+                    "HTTP/1.0 200 OK\r\nConnection: Keep-Alive\r\n"
+                    "Content-Length: 1\r\n\r\nx",
+                    false, state::complete, 200, "x", true},
+        reader_case{"chunked",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                    "5\r\nhello\r\n1;ext=1\r\n!\r\n0\r\nTrailer: x\r\n\r\n",
+                    false, state::complete, 200, "hello!", true},
+        reader_case{"chunked hex size",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                    "A\r\n0123456789\r\n0\r\n\r\n",
+                    false, state::complete, 200, "0123456789", true},
+        reader_case{"read to close", "HTTP/1.1 200 OK\r\n\r\nuntil the end", true, state::complete,
+                    200, "until the end", false},
+        reader_case{"error status has a body",
+                    "HTTP/1.1 500 Internal Server Error\r\n"
+                    "Content-Length: 4\r\n\r\noops",
+                    false, state::complete, 500, "oops", true},
+        reader_case{"no body for 204", "HTTP/1.1 204 No Content\r\n\r\n", false, state::complete,
+                    204, "", true},
+        reader_case{"bytes after the response",
+                    "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n"
+                    "xy",
+                    false, state::complete, 200, "x", false},
         reader_case{"waiting for more", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhel", false,
                     state::reading}),
     vigilo::test_support::param_name());
@@ -90,39 +100,44 @@ INSTANTIATE_TEST_SUITE_P(
         reader_case{"truncated body", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhel", true,
                     state::failed, 0, "", false,
                     "connection closed by the engine in the middle of the response"},
-        reader_case{"truncated chunk", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
-                    "5\r\nhe", true, state::failed, 0, "", false,
+        reader_case{"truncated chunk",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                    "5\r\nhe",
+                    true, state::failed, 0, "", false,
                     "connection closed by the engine in the middle of the response"},
         reader_case{"not http", "SSH-2.0-OpenSSH\r\n", false, state::failed, 0, "", false,
                     "malformed status line \"SSH-2.0-OpenSSH\""},
-        reader_case{"bad status code", "HTTP/1.1 2x0 OK\r\n", false, state::failed, 0, "",
-                    false, "malformed status line \"HTTP/1.1 2x0 OK\""},
-        reader_case{"header without colon", "HTTP/1.1 200 OK\r\nbroken\r\n", false,
-                    state::failed, 0, "", false, "malformed header line \"broken\""},
+        reader_case{"bad status code", "HTTP/1.1 2x0 OK\r\n", false, state::failed, 0, "", false,
+                    "malformed status line \"HTTP/1.1 2x0 OK\""},
+        reader_case{"header without colon", "HTTP/1.1 200 OK\r\nbroken\r\n", false, state::failed,
+                    0, "", false, "malformed header line \"broken\""},
         reader_case{"headers over the limit", "HTTP/1.1 200 OK\r\nX: " + std::string(60, 'a'),
                     false, state::failed, 0, "", false, "response headers exceed 64 bytes"},
-        reader_case{"length over the limit", "HTTP/1.1 200 OK\r\nContent-Length: 33\r\n\r\n",
-                    false, state::failed, 0, "", false,
-                    "response body of 33 bytes exceeds 32 bytes"},
+        reader_case{"length over the limit", "HTTP/1.1 200 OK\r\nContent-Length: 33\r\n\r\n", false,
+                    state::failed, 0, "", false, "response body of 33 bytes exceeds 32 bytes"},
         reader_case{"bad length", "HTTP/1.1 200 OK\r\nContent-Length: 1x\r\n\r\n", false,
                     state::failed, 0, "", false, "malformed Content-Length \"1x\""},
         reader_case{"negative length", "HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\n", false,
                     state::failed, 0, "", false, "malformed Content-Length \"-1\""},
-        reader_case{"chunks over the limit", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n"
-                    "\r\n10\r\n0123456789abcdef\r\n11\r\n", false, state::failed, 0, "", false,
-                    "response body exceeds 32 bytes"},
-        reader_case{"huge chunk size", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
-                    "ffffffffffffffffff\r\n", false, state::failed, 0, "", false,
-                    "malformed chunked body: bad chunk size \"ffffffffffffffffff\""},
-        reader_case{"chunk without line end", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n"
-                    "\r\n1\r\nxy\r\n", false, state::failed, 0, "", false,
-                    "malformed chunked body: chunk not followed by a line end"},
-        reader_case{"read to close over the limit", "HTTP/1.1 200 OK\r\n\r\n" +
-                    std::string(33, 'b'), false, state::failed, 0, "", false,
-                    "response body exceeds 32 bytes"},
-        reader_case{"unknown coding", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\n",
+        reader_case{"chunks over the limit",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n"
+                    "\r\n10\r\n0123456789abcdef\r\n11\r\n",
+                    false, state::failed, 0, "", false, "response body exceeds 32 bytes"},
+        reader_case{"huge chunk size",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                    "ffffffffffffffffff\r\n",
                     false, state::failed, 0, "", false,
-                    "unsupported Transfer-Encoding \"gzip\""}),
+                    "malformed chunked body: bad chunk size \"ffffffffffffffffff\""},
+        reader_case{"chunk without line end",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n"
+                    "\r\n1\r\nxy\r\n",
+                    false, state::failed, 0, "", false,
+                    "malformed chunked body: chunk not followed by a line end"},
+        reader_case{"read to close over the limit",
+                    "HTTP/1.1 200 OK\r\n\r\n" + std::string(33, 'b'), false, state::failed, 0, "",
+                    false, "response body exceeds 32 bytes"},
+        reader_case{"unknown coding", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\n", false,
+                    state::failed, 0, "", false, "unsupported Transfer-Encoding \"gzip\""}),
     vigilo::test_support::param_name());
 
 }  // namespace

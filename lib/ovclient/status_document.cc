@@ -12,7 +12,7 @@ using json = nlohmann::json;
 // nothing else.
 class status_reader : public nlohmann::json_sax<json> {
  public:
-  explicit status_reader(status_pairs& pairs) : pairs_(pairs) {}
+  explicit status_reader(status_pairs& pairs) : pairs(pairs) {}
 
   bool null() override { return scalar("null"); }
   bool boolean(bool) override { return scalar("a boolean"); }
@@ -22,15 +22,15 @@ class status_reader : public nlohmann::json_sax<json> {
   bool binary(binary_t&) override { return scalar("binary data"); }
 
   bool string(string_t& text) override {
-    if (skipDepth_ > 0 || skipNext_) return scalar("a string");
-    if (where_ == place::pairKey) {
-      pairs_.emplace_back(std::move(text), std::string());
-      where_ = place::pairValue;
+    if (skipDepth > 0 || skipNext) return scalar("a string");
+    if (at == place::pairKey) {
+      pairs.emplace_back(std::move(text), std::string());
+      at = place::pairValue;
       return true;
     }
-    if (where_ == place::pairValue) {
-      pairs_.back().second = std::move(text);
-      where_ = place::pairEnd;
+    if (at == place::pairValue) {
+      pairs.back().second = std::move(text);
+      at = place::pairEnd;
       return true;
     }
     return scalar("a string");
@@ -39,58 +39,58 @@ class status_reader : public nlohmann::json_sax<json> {
   bool start_object(std::size_t) override {
     if (!enter()) return false;
     if (skipping()) return true;
-    if (where_ == place::start) {
-      where_ = place::rootMember;
+    if (at == place::start) {
+      at = place::rootMember;
       return true;
     }
     return wrong("an object");
   }
 
   bool key(string_t& name) override {
-    if (skipDepth_ > 0) return true;
+    if (skipDepth > 0) return true;
     if (name == "status") {
-      if (sawStatus_) return failAt("duplicate member \"status\"");
-      sawStatus_ = true;
-      where_ = place::statusValue;
+      if (sawStatus) return failAt("duplicate member \"status\"");
+      sawStatus = true;
+      at = place::statusValue;
     } else {
-      skipNext_ = true;  // another member: its value is passed over
+      skipNext = true;  // another member: its value is passed over
     }
     return true;
   }
 
   bool end_object() override {
-    --depth_;
-    if (skipDepth_ > 0) return leave();
-    where_ = place::end;
+    --depth;
+    if (skipDepth > 0) return leave();
+    at = place::end;
     return true;
   }
 
   bool start_array(std::size_t) override {
     if (!enter()) return false;
     if (skipping()) return true;
-    if (where_ == place::statusValue) {
-      where_ = place::pairStart;
+    if (at == place::statusValue) {
+      at = place::pairStart;
       return true;
     }
-    if (where_ == place::pairStart) {
-      if (pairs_.size() == maxStatusPairs) {
+    if (at == place::pairStart) {
+      if (pairs.size() == maxStatusPairs) {
         return failAt("more than " + std::to_string(maxStatusPairs) + " pairs");
       }
-      where_ = place::pairKey;
+      at = place::pairKey;
       return true;
     }
     return wrong("an array");
   }
 
   bool end_array() override {
-    --depth_;
-    if (skipDepth_ > 0) return leave();
-    if (where_ == place::pairEnd) {
-      where_ = place::pairStart;
+    --depth;
+    if (skipDepth > 0) return leave();
+    if (at == place::pairEnd) {
+      at = place::pairStart;
       return true;
     }
-    if (where_ == place::pairStart) {
-      where_ = place::rootMember;
+    if (at == place::pairStart) {
+      at = place::rootMember;
       return true;
     }
     return wrong("the end of the pair");
@@ -104,16 +104,15 @@ class status_reader : public nlohmann::json_sax<json> {
     return false;
   }
 
-  bool finished() const { return where_ == place::end && sawStatus_; }
+  bool finished() const { return at == place::end && sawStatus; }
 
   std::string error;
 
  private:
-  enum class place { start, rootMember, statusValue, pairStart, pairKey, pairValue, pairEnd,
-                     end };
+  enum class place { start, rootMember, statusValue, pairStart, pairKey, pairValue, pairEnd, end };
 
   bool enter() {
-    if (++depth_ > maxDocumentDepth) {
+    if (++depth > maxDocumentDepth) {
       return failAt("nesting deeper than " + std::to_string(maxDocumentDepth) + " levels");
     }
     return true;
@@ -121,30 +120,30 @@ class status_reader : public nlohmann::json_sax<json> {
 
   // A container that starts while a value is being passed over is passed over too.
   bool skipping() {
-    if (skipDepth_ > 0 || skipNext_) {
-      skipNext_ = false;
-      ++skipDepth_;
+    if (skipDepth > 0 || skipNext) {
+      skipNext = false;
+      ++skipDepth;
       return true;
     }
     return false;
   }
 
   bool leave() {
-    --skipDepth_;
+    --skipDepth;
     return true;
   }
 
   bool scalar(const char* what) {
-    if (skipDepth_ > 0) return true;
-    if (skipNext_) {
-      skipNext_ = false;
+    if (skipDepth > 0) return true;
+    if (skipNext) {
+      skipNext = false;
       return true;
     }
     return wrong(what);
   }
 
   bool wrong(const std::string& what) {
-    switch (where_) {
+    switch (at) {
       case place::start:
         return failAt("the document is " + what + ", not an object");
       case place::statusValue:
@@ -168,24 +167,24 @@ class status_reader : public nlohmann::json_sax<json> {
 
   // Where the reader stands, as a path into the document: status[3][1].
   std::string path() const {
-    if (where_ == place::start || where_ == place::rootMember) return "the top level";
-    if (where_ == place::statusValue) return "status";
-    std::string p = "status[" + std::to_string(where_ == place::pairStart
-                                                   ? pairs_.size()
-                                                   : pairs_.size() - (where_ != place::pairKey)) +
+    if (at == place::start || at == place::rootMember) return "the top level";
+    if (at == place::statusValue) return "status";
+    std::string p = "status[" +
+                    std::to_string(at == place::pairStart ? pairs.size()
+                                                          : pairs.size() - (at != place::pairKey)) +
                     "]";
-    if (where_ == place::pairKey) p += "[0]";
-    if (where_ == place::pairValue) p += "[1]";
-    if (where_ == place::pairEnd) p += "[2]";
+    if (at == place::pairKey) p += "[0]";
+    if (at == place::pairValue) p += "[1]";
+    if (at == place::pairEnd) p += "[2]";
     return p;
   }
 
-  status_pairs& pairs_;
-  place where_ = place::start;
-  std::size_t depth_ = 0;
-  std::size_t skipDepth_ = 0;
-  bool skipNext_ = false;
-  bool sawStatus_ = false;
+  status_pairs& pairs;
+  place at = place::start;
+  std::size_t depth = 0;
+  std::size_t skipDepth = 0;
+  bool skipNext = false;
+  bool sawStatus = false;
 };
 
 }  // namespace

@@ -2,8 +2,8 @@
 // [key, value] string pairs. Other members are ignored. Anything else is malformed, and the error
 // says where. Nesting, pair count and (through the body limit) size are bounded, and the JSON
 // reader validates UTF-8.
-#ifndef VIGILO_OVCLIENT_STATUS_DOCUMENT_H_
-#define VIGILO_OVCLIENT_STATUS_DOCUMENT_H_
+#ifndef VIGILO_LIB_OVCLIENT_STATUS_DOCUMENT_H_
+#define VIGILO_LIB_OVCLIENT_STATUS_DOCUMENT_H_
 
 #include <cstddef>
 #include <string>
@@ -23,4 +23,4 @@ bool parseStatusDocument(std::string_view document, status_pairs& pairs, std::st
 
 }  // namespace com::orvex::client
 
-#endif  // VIGILO_OVCLIENT_STATUS_DOCUMENT_H_
+#endif  // VIGILO_LIB_OVCLIENT_STATUS_DOCUMENT_H_

@@ -4,10 +4,10 @@
 
 namespace com::orvex {
 
-EngineException::EngineException(const char* text) : text_(text != nullptr ? text : "") {}
-EngineException::EngineException(std::string text) : text_(std::move(text)) {}
+EngineException::EngineException(const char* text) : text(text != nullptr ? text : "") {}
+EngineException::EngineException(std::string text) : text(std::move(text)) {}
 EngineException::~EngineException() = default;
 
-const char* EngineException::what() const noexcept { return text_.c_str(); }
+const char* EngineException::what() const noexcept { return text.c_str(); }
 
 }  // namespace com::orvex

@@ -1,10 +1,10 @@
 #include "ovcommon/log.h"
 
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <ctime>
-#include <sys/time.h>
 
 #include "ovcommon/EngineException.h"
 
@@ -14,8 +14,8 @@ namespace {
 
 std::atomic<int> currentLevel{static_cast<int>(LogLevel::warning)};
 
-const char* const levelNames[] = {"EMERG", "ALERT", "CRIT ", "ERROR", "WARN ",
-                                  "NOTE ", "INFO ", "DEBUG"};
+const char* const levelNames[] = {"EMERG", "ALERT", "CRIT ", "ERROR",
+                                  "WARN ", "NOTE ", "INFO ", "DEBUG"};
 
 }  // namespace
 
@@ -39,8 +39,8 @@ void logLine(LogLevel level, const std::string& text) {
   const std::size_t length = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
   char millis[24];
   std::snprintf(millis, sizeof millis, ".%03ld ", static_cast<long>(now.tv_usec / 1000));
-  const std::string line = std::string(stamp, length) + millis +
-                           levelNames[static_cast<int>(level)] + " " + text + "\n";
+  const std::string line =
+      std::string(stamp, length) + millis + levelNames[static_cast<int>(level)] + " " + text + "\n";
   // One write, so that lines of several threads never interleave.
   (void)!write(STDERR_FILENO, line.data(), line.size());
 }

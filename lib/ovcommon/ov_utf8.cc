@@ -6,9 +6,9 @@
 #include <strings.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <cstdint>
 #include <string>
 #include <string_view>
 

@@ -23,50 +23,50 @@ void* runHelper(void* raw) {
 
 }  // namespace
 
-Mutex::Mutex(const char* name) : name_(name) {
-  const int rc = pthread_mutex_init(&mutex_, nullptr);
-  if (rc != 0) fail(std::string("cannot create mutex ") + name_, rc);
+Mutex::Mutex(const char* name) : name(name) {
+  const int rc = pthread_mutex_init(&native, nullptr);
+  if (rc != 0) fail(std::string("cannot create mutex ") + name, rc);
 }
 
-Mutex::~Mutex() { pthread_mutex_destroy(&mutex_); }
+Mutex::~Mutex() { pthread_mutex_destroy(&native); }
 
 void Mutex::lock() {
-  const int rc = pthread_mutex_lock(&mutex_);
-  if (rc != 0) fail(std::string("cannot lock mutex ") + name_, rc);
+  const int rc = pthread_mutex_lock(&native);
+  if (rc != 0) fail(std::string("cannot lock mutex ") + name, rc);
 }
 
-void Mutex::unlock() { pthread_mutex_unlock(&mutex_); }
+void Mutex::unlock() { pthread_mutex_unlock(&native); }
 
-Condition::Condition(Mutex& mutex) : mutex_(mutex) {
+Condition::Condition(Mutex& mutex) : mutex(mutex) {
   pthread_condattr_t attributes;
   pthread_condattr_init(&attributes);
   pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-  const int rc = pthread_cond_init(&condition_, &attributes);
+  const int rc = pthread_cond_init(&native, &attributes);
   pthread_condattr_destroy(&attributes);
   if (rc != 0) fail("cannot create condition", rc);
 }
 
-Condition::~Condition() { pthread_cond_destroy(&condition_); }
+Condition::~Condition() { pthread_cond_destroy(&native); }
 
 bool Condition::timedwait(std::uint64_t deadlineMs) {
   timespec deadline;
   deadline.tv_sec = static_cast<time_t>(deadlineMs / 1000);
   deadline.tv_nsec = static_cast<long>(deadlineMs % 1000) * 1000000L;
-  return pthread_cond_timedwait(&condition_, &mutex_.mutex_, &deadline) != ETIMEDOUT;
+  return pthread_cond_timedwait(&native, &mutex.native, &deadline) != ETIMEDOUT;
 }
 
-void Condition::broadcast() { pthread_cond_broadcast(&condition_); }
+void Condition::broadcast() { pthread_cond_broadcast(&native); }
 
 Semaphore::Semaphore(unsigned count) {
-  if (sem_init(&semaphore_, 0, count) != 0) fail("cannot create semaphore", errno);
+  if (sem_init(&native, 0, count) != 0) fail("cannot create semaphore", errno);
 }
 
-Semaphore::~Semaphore() { sem_destroy(&semaphore_); }
+Semaphore::~Semaphore() { sem_destroy(&native); }
 
-void Semaphore::post() { sem_post(&semaphore_); }
+void Semaphore::post() { sem_post(&native); }
 
 void Semaphore::wait() {
-  while (sem_wait(&semaphore_) != 0 && errno == EINTR) {
+  while (sem_wait(&native) != 0 && errno == EINTR) {
   }
 }
 

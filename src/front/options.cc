@@ -11,8 +11,19 @@ namespace vigilo {
 
 namespace {
 
-enum class option_id { verbose, version, help, raw, all, title, once, port, hostname, filename,
-                       interval };
+enum class option_id {
+  verbose,
+  version,
+  help,
+  raw,
+  all,
+  title,
+  once,
+  port,
+  hostname,
+  filename,
+  interval
+};
 
 struct option_form {
   const char* shortForm;
@@ -65,12 +76,12 @@ parse_outcome parseOptions(int argc, char** argv) {
         } else if (i + 1 < argc) {
           value = argv[++i];  // taken whatever it looks like, even "-r"
         } else {
-          return parse_outcome::usage_error;
+          return parse_outcome::usageError;
         }
       }
       break;
     }
-    if (match == nullptr) return parse_outcome::usage_error;
+    if (match == nullptr) return parse_outcome::usageError;
 
     switch (match->id) {
       case option_id::verbose:
@@ -99,7 +110,7 @@ parse_outcome parseOptions(int argc, char** argv) {
       case option_id::port: {
         port = saturate(std::strtol(value, nullptr, 10));
         // Stored before the test, so that the usage text reports the port as out of range.
-        if (port == 0) return parse_outcome::usage_error;
+        if (port == 0) return parse_outcome::usageError;
         break;
       }
       case option_id::hostname:
@@ -110,13 +121,13 @@ parse_outcome parseOptions(int argc, char** argv) {
         break;
       case option_id::interval: {
         const long number = std::strtol(value, nullptr, 10);
-        if (number < 0) return parse_outcome::usage_error;
+        if (number < 0) return parse_outcome::usageError;
         interval = static_cast<std::uint64_t>(number);
         break;
       }
     }
   }
-  return portInRange() ? parse_outcome::proceed : parse_outcome::usage_error;
+  return portInRange() ? parse_outcome::proceed : parse_outcome::usageError;
 }
 
 }  // namespace vigilo

@@ -8,12 +8,12 @@
 #include "front/options.h"
 #include "front/settings.h"
 #include "front/usage.h"
-#include "support/version.h"
+#include "ovclient/engine_client.h"
 #include "ovcommon/EngineException.h"
 #include "ovcommon/Platform.h"
-#include "ovclient/engine_client.h"
 #include "ovcommon/log.h"
 #include "support/allocation.h"
+#include "support/version.h"
 #include "watch/vigil_core.h"
 
 using com::orvex::EngineException;
@@ -116,7 +116,7 @@ int watch() {
 int ov_main(int argc, char** argv) {
   ov_installOutOfMemoryCatcher();
   switch (vigilo::parseOptions(argc, argv)) {
-    case vigilo::parse_outcome::usage_error:
+    case vigilo::parse_outcome::usageError:
       vigilo::printUsage();
       return 2;
     case vigilo::parse_outcome::help:

@@ -2,8 +2,8 @@
 
 #include <iostream>
 
-#include "status/EngineStatus.h"
 #include "front/settings.h"
+#include "status/EngineStatus.h"
 #include "support/version.h"
 
 namespace vigilo {

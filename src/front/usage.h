@@ -1,6 +1,6 @@
 // The help text of vigilo.
-#ifndef VIGILO_FRONT_USAGE_H_
-#define VIGILO_FRONT_USAGE_H_
+#ifndef VIGILO_SRC_FRONT_USAGE_H_
+#define VIGILO_SRC_FRONT_USAGE_H_
 
 namespace vigilo {
 
@@ -10,4 +10,4 @@ void printUsage();
 
 }  // namespace vigilo
 
-#endif  // VIGILO_FRONT_USAGE_H_
+#endif  // VIGILO_SRC_FRONT_USAGE_H_

@@ -45,8 +45,7 @@ EngineStatus::StatusIterator EngineStatus::end() const { return StatusIterator(t
 
 EngineStatus::StatusIterator::~StatusIterator() {
   if (record != nullptr && handle != 0) {
-    entry<freeStatusIteration_fn>(record->status, freeStatusIterationEntry)(record->status,
-                                                                             handle);
+    entry<freeStatusIteration_fn>(record->status, freeStatusIterationEntry)(record->status, handle);
   }
 }
 

@@ -2,8 +2,8 @@
 // A record owns one status object of the engine client library and deletes it when it ends; it
 // caches nothing, so every value is read from the object when a rendering asks for it.
 // Records and their iterators belong to one thread at a time.
-#ifndef VIGILO_STATUS_ENGINESTATUS_H_
-#define VIGILO_STATUS_ENGINESTATUS_H_
+#ifndef VIGILO_SRC_STATUS_ENGINESTATUS_H_
+#define VIGILO_SRC_STATUS_ENGINESTATUS_H_
 
 #include <cstdint>
 #include <iosfwd>
@@ -102,4 +102,4 @@ void forEachUserPair(const EngineStatus& record, Visit&& visit) {
 
 }  // namespace com::orvex::engine
 
-#endif  // VIGILO_STATUS_ENGINESTATUS_H_
+#endif  // VIGILO_SRC_STATUS_ENGINESTATUS_H_

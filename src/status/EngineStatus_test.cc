@@ -144,8 +144,7 @@ TEST(EngineStatusTest, PairWithNullKeyOrValueIsNotTaken) {
   script.pairs = {{"a", "1"}, {std::nullopt, "x"}, {"b", std::nullopt}, {"c", "3"}};
   EngineStatus record(newFakeStatus(script, &log));
   // The iterator keeps standing on the last pair it took.
-  EXPECT_EQ(walk(record),
-            (decltype(walk(record)){{"a", "1"}, {"a", "1"}, {"a", "1"}, {"c", "3"}}));
+  EXPECT_EQ(walk(record), (decltype(walk(record)){{"a", "1"}, {"a", "1"}, {"a", "1"}, {"c", "3"}}));
 }
 
 TEST(EngineStatusTest, PairIsACopyThatOutlivesTheObject) {

@@ -70,9 +70,8 @@ std::string EngineStatus::getRawHeader() {
 std::string EngineStatus::getRawHeaderAll() const {
   std::ostringstream line;
   line << getRawHeader();
-  forEachUserPair(*this, [&line](const std::string& key, const std::string&) {
-    line << ',' << key;
-  });
+  forEachUserPair(*this,
+                  [&line](const std::string& key, const std::string&) { line << ',' << key; });
   return line.str();
 }
 

@@ -1,8 +1,6 @@
 // Whole renderings of status snapshots, compared byte for byte.
 #include <gtest/gtest.h>
 
-#include "testing/param_name.h"
-
 #include <sstream>
 #include <string>
 
@@ -10,6 +8,7 @@
 #include "status/status_catalogue.h"
 #include "testing/expected_outputs.h"
 #include "testing/fake_status.h"
+#include "testing/param_name.h"
 
 namespace com::orvex::engine {
 namespace {
@@ -48,8 +47,7 @@ const std::string allZeroText =
     "Slowest context name:                         \n"
     "Slowest context queue size:                   0\n"
     "Slowest receiver name:                        \n"
-    "Slowest receiver queue size:                  0\n"
-    ;
+    "Slowest receiver queue size:                  0\n";
 
 // Every field distinct, so a swapped, dropped or mis-narrowed field shows: 32-bit rows get values
 // past 2^32, 64-bit rows get 2^32 and 2^64 - 1, texts carry commas, a line feed and nothing.
@@ -116,8 +114,7 @@ const std::string distinctText =
     "Slowest context name:                         orders,eu\n"
     "Slowest context queue size:                   24\n"
     "Slowest receiver name:                        line1\nline2\n"
-    "Slowest receiver queue size:                  26\n"
-    ;
+    "Slowest receiver queue size:                  26\n";
 
 // A record over a fake status object, with the log of its calls.
 struct snapshot {
@@ -211,33 +208,39 @@ TEST_P(UserPairsTest, AppendInWalkOrder) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, UserPairsTest,
-    ::testing::Values(
-        user_case{"none", {{"numContexts", "3"}, {"uptime", "9"}}, "", ""},
-        user_case{"walk order, not sorted",
-                  {{"user-b", "2"}, {"numContexts", "3"}, {"user-a", "1"}},
-                  ",user-b,user-a",
-                  "user-b:                         2\n"
-                  "user-a:                         1\n"},
-        user_case{"user- anywhere in the key", {{"my-user-x", "5"}, {"user_x", "6"}},
-                  ",my-user-x", "my-user-x:                      5\n"},
-        user_case{"31, 32 and 40 characters",
-                  {{"user-6789012345678901234567890a", "v31"},
-                   {"user-6789012345678901234567890ab", "v32"},
-                   {"user-6789012345678901234567890abcdefghi", "v40"}},
-                  ",user-6789012345678901234567890a,user-6789012345678901234567890ab,"
-                  "user-6789012345678901234567890abcdefghi",
-                  "user-6789012345678901234567890a:v31\n"
-                  "user-6789012345678901234567890ab:v32\n"
-                  "user-6789012345678901234567890abcdefghi:v40\n"},
-        user_case{"empty and comma values", {{"user-e", ""}, {"user-c", "x,y"}},
-                  ",user-e,user-c",
-                  "user-e:                         \n"
-                  "user-c:                         x,y\n"},
-        user_case{"duplicates all shown", {{"user-d", "1"}, {"user-d", "2"}}, ",user-d,user-d",
-                  "user-d:                         1\n"
-                  "user-d:                         2\n"},
-        user_case{"an empty key ends the walk", {{"user-1", "a"}, {"", "x"}, {"user-2", "b"}},
-                  ",user-1", "user-1:                         a\n"}),
+    ::testing::Values(user_case{"none", {{"numContexts", "3"}, {"uptime", "9"}}, "", ""},
+                      user_case{"walk order, not sorted",
+                                {{"user-b", "2"}, {"numContexts", "3"}, {"user-a", "1"}},
+                                ",user-b,user-a",
+                                "user-b:                         2\n"
+                                "user-a:                         1\n"},
+                      user_case{"user- anywhere in the key",
+                                {{"my-user-x", "5"}, {"user_x", "6"}},
+                                ",my-user-x",
+                                "my-user-x:                      5\n"},
+                      user_case{"31, 32 and 40 characters",
+                                {{"user-6789012345678901234567890a", "v31"},
+                                 {"user-6789012345678901234567890ab", "v32"},
+                                 {"user-6789012345678901234567890abcdefghi", "v40"}},
+                                ",user-6789012345678901234567890a,user-6789012345678901234567890ab,"
+                                "user-6789012345678901234567890abcdefghi",
+                                "user-6789012345678901234567890a:v31\n"
+                                "user-6789012345678901234567890ab:v32\n"
+                                "user-6789012345678901234567890abcdefghi:v40\n"},
+                      user_case{"empty and comma values",
+                                {{"user-e", ""}, {"user-c", "x,y"}},
+                                ",user-e,user-c",
+                                "user-e:                         \n"
+                                "user-c:                         x,y\n"},
+                      user_case{"duplicates all shown",
+                                {{"user-d", "1"}, {"user-d", "2"}},
+                                ",user-d,user-d",
+                                "user-d:                         1\n"
+                                "user-d:                         2\n"},
+                      user_case{"an empty key ends the walk",
+                                {{"user-1", "a"}, {"", "x"}, {"user-2", "b"}},
+                                ",user-1",
+                                "user-1:                         a\n"}),
     vigilo::test_support::param_name());
 
 TEST(RenderingsTest, RecordWithoutStatusObjectHasOnlyTheStandardHeading) {

@@ -1,8 +1,8 @@
 // The catalogue of standard status keys: the one table from which the raw heading line, the raw
 // values line and the human-readable text are all rendered. A key, a heading or a label appears
 // nowhere else in the program.
-#ifndef VIGILO_STATUS_STATUS_CATALOGUE_H_
-#define VIGILO_STATUS_STATUS_CATALOGUE_H_
+#ifndef VIGILO_SRC_STATUS_STATUS_CATALOGUE_H_
+#define VIGILO_SRC_STATUS_STATUS_CATALOGUE_H_
 
 #include <array>
 #include <cstddef>
@@ -18,7 +18,7 @@ enum class value_kind {
 };
 
 struct status_key {
-  const char* key;         // spelled as the engine spells it
+  const char* key;  // spelled as the engine spells it
   value_kind kind;
   bool inRaw;              // a field of the raw values line
   const char* rawHeading;  // heading in the raw heading line, or null for none
@@ -63,8 +63,7 @@ inline constexpr status_key statusCatalogue[] = {
     {"slowestReceiver", value_kind::text, true, "Slowest receiver", 26, "Slowest receiver name:"},
     {"slowestReceiverQueueSize", value_kind::u32, true, "Slowest receiver queue", 27,
      "Slowest receiver queue size:"},
-    {"numInputQueuedInput", value_kind::u32, false, nullptr, 18,
-     "Events on input context queues:"},
+    {"numInputQueuedInput", value_kind::u32, false, nullptr, 18, "Events on input context queues:"},
 };
 
 inline constexpr std::size_t statusKeyCount = std::size(statusCatalogue);
@@ -107,4 +106,4 @@ inline constexpr const status_key& processedRow = catalogueRow("numProcessed");
 
 }  // namespace com::orvex::engine
 
-#endif  // VIGILO_STATUS_STATUS_CATALOGUE_H_
+#endif  // VIGILO_SRC_STATUS_STATUS_CATALOGUE_H_

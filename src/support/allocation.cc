@@ -156,8 +156,7 @@ extern "C" {
 
 void lookupNextMallocs() {
   const int trackingEnabled = checkMemoryTrackingEnabled();
-  if (sysmalloc != nullptr && sysrealloc != nullptr && syscalloc != nullptr &&
-      sysfree != nullptr) {
+  if (sysmalloc != nullptr && sysrealloc != nullptr && syscalloc != nullptr && sysfree != nullptr) {
     return;
   }
   if (recursing) std::abort();
@@ -178,8 +177,7 @@ void lookupNextMallocs() {
     trackingcalloc = syscalloc;
     trackingrealloc = sysrealloc;
   }
-  if (sysmalloc == nullptr || sysrealloc == nullptr || syscalloc == nullptr ||
-      sysfree == nullptr) {
+  if (sysmalloc == nullptr || sysrealloc == nullptr || syscalloc == nullptr || sysfree == nullptr) {
     std::abort();
   }
 }

@@ -4,8 +4,8 @@
 // carries a one-word header with its total size and every allocation and release is counted.
 // The route is chosen once, at the first allocation, before any thread exists; afterwards the
 // function pointers below are only read.
-#ifndef VIGILO_SUPPORT_ALLOCATION_H_
-#define VIGILO_SUPPORT_ALLOCATION_H_
+#ifndef VIGILO_SRC_SUPPORT_ALLOCATION_H_
+#define VIGILO_SRC_SUPPORT_ALLOCATION_H_
 
 #include <cstddef>
 
@@ -43,4 +43,4 @@ void track_free(void* block);
 
 }  // extern "C"
 
-#endif  // VIGILO_SUPPORT_ALLOCATION_H_
+#endif  // VIGILO_SRC_SUPPORT_ALLOCATION_H_

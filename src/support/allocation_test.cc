@@ -2,10 +2,11 @@
 // The route is chosen once per process, so ctest runs this program twice: once with
 // ORVEX_MEMORY_TRACKING=1 (the Tracking tests) and once without (the Plain tests); each suite
 // checks that it runs on its own route.
-#include <malloc.h>
-#include <unistd.h>
+#include "support/allocation.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -16,15 +17,14 @@
 #include <vector>
 
 #include "ovcommon/memory.h"
-#include "support/allocation.h"
 #include "testing/fake_next_allocator.h"
 
 namespace {
 
 // The call that the fake recorded first after `mark`.
 fake_next_call callAfter(std::size_t mark) {
-  EXPECT_GT(fake_next_call_count(), mark);
-  return fake_next_call_at(mark);
+  EXPECT_GT(fakeNextCallCount(), mark);
+  return fakeNextCallAt(mark);
 }
 
 std::uint64_t headerOf(void* block) { return static_cast<std::uint64_t*>(block)[-1]; }
@@ -56,34 +56,34 @@ class TrackingRoute : public ::testing::Test {
 
 TEST_F(PlainRoute, ForwardsEveryCallUnchangedAndCountsNothing) {
   const counters before;
-  std::size_t mark = fake_next_call_count();
+  std::size_t mark = fakeNextCallCount();
   void* block = malloc(100);
   fake_next_call call = callAfter(mark);
-  EXPECT_EQ(call.kind, fake_malloc);
+  EXPECT_EQ(call.kind, fakeMalloc);
   EXPECT_EQ(call.first, 100u);
   EXPECT_EQ(call.result, block);
 
-  mark = fake_next_call_count();
+  mark = fakeNextCallCount();
   void* zeroed = calloc(3, 10);
   call = callAfter(mark);
-  EXPECT_EQ(call.kind, fake_calloc);
+  EXPECT_EQ(call.kind, fakeCalloc);
   EXPECT_EQ(call.first, 3u);
   EXPECT_EQ(call.second, 10u);
   EXPECT_EQ(call.result, zeroed);
 
-  mark = fake_next_call_count();
+  mark = fakeNextCallCount();
   void* moved = realloc(block, 50);
   call = callAfter(mark);
-  EXPECT_EQ(call.kind, fake_realloc);
+  EXPECT_EQ(call.kind, fakeRealloc);
   EXPECT_EQ(call.first, number(block));
   EXPECT_EQ(call.second, 50u);
   EXPECT_EQ(call.result, moved);
 
   for (void* p : {moved, zeroed, static_cast<void*>(nullptr)}) {
-    mark = fake_next_call_count();
+    mark = fakeNextCallCount();
     free(p);
     call = callAfter(mark);
-    EXPECT_EQ(call.kind, fake_free);
+    EXPECT_EQ(call.kind, fakeFree);
     EXPECT_EQ(call.first, number(p));
   }
   EXPECT_EQ(before.allocatedSince(), 0u);
@@ -100,7 +100,7 @@ TEST_F(PlainRoute, ReallocToZeroAnsweredWithNullIsNotReported) {
 TEST_F(PlainRoute, ExhaustionIsReported) {
   EXPECT_DEATH(
       {
-        fake_next_fail(1);
+        fakeNextFail(1);
         (void)!malloc(10);
       },
       "^Out of memory: cannot allocate, aborting\n$");
@@ -114,20 +114,20 @@ TEST_F(TrackingRoute, MallocAndFreeCarryAndCountTheHeader) {
   for (const malloc_case c : {malloc_case{0, 8}, malloc_case{100, 108}, malloc_case{4096, 4104}}) {
     SCOPED_TRACE(c.size);
     const counters before;
-    std::size_t mark = fake_next_call_count();
+    std::size_t mark = fakeNextCallCount();
     void* block = malloc(c.size);
     const fake_next_call call = callAfter(mark);
     ASSERT_NE(block, nullptr);
-    EXPECT_EQ(call.kind, fake_malloc);
+    EXPECT_EQ(call.kind, fakeMalloc);
     EXPECT_EQ(call.first, c.total);
     EXPECT_EQ(static_cast<char*>(call.result) + 8, block);
     EXPECT_EQ(headerOf(block), c.total);
     EXPECT_EQ(before.allocatedSince(), c.total);
 
-    mark = fake_next_call_count();
+    mark = fakeNextCallCount();
     free(block);
     const fake_next_call freed = callAfter(mark);
-    EXPECT_EQ(freed.kind, fake_free);
+    EXPECT_EQ(freed.kind, fakeFree);
     EXPECT_EQ(freed.first, number(block) - 8);
     EXPECT_EQ(before.freedSince(), c.total);
   }
@@ -135,9 +135,9 @@ TEST_F(TrackingRoute, MallocAndFreeCarryAndCountTheHeader) {
 
 TEST_F(TrackingRoute, FreeOfNullCountsNothing) {
   const counters before;
-  const std::size_t mark = fake_next_call_count();
+  const std::size_t mark = fakeNextCallCount();
   free(nullptr);
-  EXPECT_EQ(fake_next_call_count(), mark);
+  EXPECT_EQ(fakeNextCallCount(), mark);
   EXPECT_EQ(before.freedSince(), 0u);
 }
 
@@ -149,17 +149,17 @@ TEST_F(TrackingRoute, CallocAddsWholeUnitsForTheHeader) {
   };
   const calloc_case cases[] = {
       {1, 100, 108, 1, 108}, {16, 10, 11, 16, 176}, {4, 10, 12, 4, 48}, {3, 10, 13, 3, 39},
-      {0, 10, 18, 1, 18},    {2, 0, 4, 2, 8},        {5, 3, 5, 5, 25},   {6, 1, 3, 6, 18},
-      {7, 1, 3, 7, 21},      {8, 1, 2, 8, 16},       {9, 2, 3, 9, 27},
+      {0, 10, 18, 1, 18},    {2, 0, 4, 2, 8},       {5, 3, 5, 5, 25},   {6, 1, 3, 6, 18},
+      {7, 1, 3, 7, 21},      {8, 1, 2, 8, 16},      {9, 2, 3, 9, 27},
   };
   for (const calloc_case& c : cases) {
     SCOPED_TRACE(std::to_string(c.first) + " x " + std::to_string(c.second));
     const counters before;
-    const std::size_t mark = fake_next_call_count();
+    const std::size_t mark = fakeNextCallCount();
     auto* block = static_cast<unsigned char*>(calloc(c.first, c.second));
     const fake_next_call call = callAfter(mark);
     ASSERT_NE(block, nullptr);
-    EXPECT_EQ(call.kind, fake_calloc);
+    EXPECT_EQ(call.kind, fakeCalloc);
     EXPECT_EQ(call.first, c.units);
     EXPECT_EQ(call.second, c.unit);
     EXPECT_EQ(headerOf(block), c.total);
@@ -171,10 +171,10 @@ TEST_F(TrackingRoute, CallocAddsWholeUnitsForTheHeader) {
 
 TEST_F(TrackingRoute, ReallocCountsTheOldBlockFreedAndTheNewOneAllocated) {
   counters before;
-  std::size_t mark = fake_next_call_count();
+  std::size_t mark = fakeNextCallCount();
   auto* block = static_cast<char*>(realloc(nullptr, 50));
   fake_next_call call = callAfter(mark);
-  EXPECT_EQ(call.kind, fake_realloc);
+  EXPECT_EQ(call.kind, fakeRealloc);
   EXPECT_EQ(call.first, 0u);
   EXPECT_EQ(call.second, 58u);
   EXPECT_EQ(before.allocatedSince(), 58u);
@@ -182,7 +182,7 @@ TEST_F(TrackingRoute, ReallocCountsTheOldBlockFreedAndTheNewOneAllocated) {
   std::memcpy(block, "kept across the move", 21);
 
   before = counters();
-  mark = fake_next_call_count();
+  mark = fakeNextCallCount();
   auto* grown = static_cast<char*>(realloc(block, 200));
   call = callAfter(mark);
   EXPECT_EQ(call.first, number(block) - 8);
@@ -197,7 +197,7 @@ TEST_F(TrackingRoute, ReallocCountsTheOldBlockFreedAndTheNewOneAllocated) {
 // Sizes whose total would not fit are refused quietly, before the next allocator is asked.
 TEST_F(TrackingRoute, OverflowingSizesAreRefusedWithEnomem) {
   void* block = malloc(16);
-  const std::size_t mark = fake_next_call_count();
+  const std::size_t mark = fakeNextCallCount();
   const counters before;
   struct attempt {
     const char* name;
@@ -216,7 +216,7 @@ TEST_F(TrackingRoute, OverflowingSizesAreRefusedWithEnomem) {
     EXPECT_EQ(a.call(block), nullptr) << a.name;
     EXPECT_EQ(errno, ENOMEM) << a.name;
   }
-  EXPECT_EQ(fake_next_call_count(), mark);
+  EXPECT_EQ(fakeNextCallCount(), mark);
   EXPECT_EQ(before.allocatedSince(), 0u);
   EXPECT_EQ(before.freedSince(), 0u);
   EXPECT_EQ(headerOf(block), 24u);  // the refused realloc left the block as it was
@@ -238,10 +238,10 @@ TEST_F(TrackingRoute, AlignedBlocksCarryAHeaderThatFreeRecognises) {
     std::uintptr_t alignment;
     std::size_t usable;
   };
-  for (const expect& e : {expect{posix, 64, 100}, expect{aligned, 4096, 8192},
-                          expect{mem, 256, 10}, expect{pageAligned, std::uintptr_t(page), 100},
-                          expect{pages, std::uintptr_t(page), std::size_t(page)},
-                          expect{object, 128, 100}}) {
+  for (const expect& e :
+       {expect{posix, 64, 100}, expect{aligned, 4096, 8192}, expect{mem, 256, 10},
+        expect{pageAligned, std::uintptr_t(page), 100},
+        expect{pages, std::uintptr_t(page), std::size_t(page)}, expect{object, 128, 100}}) {
     ASSERT_NE(e.block, nullptr);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(e.block) % e.alignment, 0u);
     EXPECT_GE(malloc_usable_size(e.block), e.usable);
@@ -253,10 +253,10 @@ TEST_F(TrackingRoute, AlignedBlocksCarryAHeaderThatFreeRecognises) {
   EXPECT_STREQ(moved, "aligned");
   EXPECT_EQ(headerOf(moved), 5008u);
 
-  const std::size_t mark = fake_next_call_count();
+  const std::size_t mark = fakeNextCallCount();
   free(posix);
   const fake_next_call call = callAfter(mark);
-  EXPECT_EQ(call.kind, fake_free);
+  EXPECT_EQ(call.kind, fakeFree);
   EXPECT_LT(call.first, number(posix));  // the next allocator's own block start
   free(aligned);
   free(moved);
@@ -326,21 +326,21 @@ TEST(AllocationDeathTest, NameResolvingToTheProgramItselfAborts) {
 
 // The dynamic loader may call calloc while the lookup runs: it gets null, and no report.
 TEST(AllocationTest, CallocDuringTheLookupGetsNullWithoutReport) {
-  const std::size_t mark = fake_next_call_count();
+  const std::size_t mark = fakeNextCallCount();
   recursing = 1;
   void* block = calloc(1, 1);
   recursing = 0;
   EXPECT_EQ(block, nullptr);
-  EXPECT_EQ(fake_next_call_count(), mark);
+  EXPECT_EQ(fakeNextCallCount(), mark);
 }
 
 TEST(AllocationTest, LaterLookupsChangeNothing) {
   const auto before = trackingmalloc;
-  const std::size_t mark = fake_next_call_count();
+  const std::size_t mark = fakeNextCallCount();
   ov_installOutOfMemoryCatcher();
   lookupNextMallocs();
   EXPECT_EQ(trackingmalloc, before);
-  EXPECT_EQ(fake_next_call_count(), mark);
+  EXPECT_EQ(fakeNextCallCount(), mark);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // The build-time identity of vigilo and the three texts made from it. The pieces are joined at
 // compile time, so the banner, the version line and the product line cannot drift apart.
-#ifndef VIGILO_SUPPORT_VERSION_H_
-#define VIGILO_SUPPORT_VERSION_H_
+#ifndef VIGILO_SRC_SUPPORT_VERSION_H_
+#define VIGILO_SRC_SUPPORT_VERSION_H_
 
 #include "support/build_info.h"
 
@@ -26,4 +26,4 @@ inline constexpr char productVersionLine[] = VIGILO_PRODUCT_WORD " " VIGILO_VERS
 
 }  // namespace vigilo
 
-#endif  // VIGILO_SUPPORT_VERSION_H_
+#endif  // VIGILO_SRC_SUPPORT_VERSION_H_

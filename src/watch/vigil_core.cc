@@ -105,10 +105,11 @@ void vigil_core::writePoll(const EngineStatus& status, rate_base& rate) {
     out << status.getStandardStatusValuesRaw() << std::endl;
   } else if (raw) {
     std::string line = status.getStandardStatusValuesRaw();
-    com::orvex::engine::forEachUserPair(status, [&line](const std::string&, const std::string& value) {
-      line += ',';
-      line += value;
-    });
+    com::orvex::engine::forEachUserPair(status,
+                                        [&line](const std::string&, const std::string& value) {
+                                          line += ',';
+                                          line += value;
+                                        });
     out << line << std::endl;
   } else {
     if (userStat) {

@@ -1,8 +1,8 @@
 // The watcher: polls the engine over an open connection at a fixed interval and writes each
 // snapshot to the output in the chosen form, until the poll count is reached, Control-C, or the
 // output fails. Runs on the caller's thread; owns neither the connection nor the stream.
-#ifndef VIGILO_WATCH_VIGIL_CORE_H_
-#define VIGILO_WATCH_VIGIL_CORE_H_
+#ifndef VIGILO_SRC_WATCH_VIGIL_CORE_H_
+#define VIGILO_SRC_WATCH_VIGIL_CORE_H_
 
 #include <cstdint>
 #include <ostream>
@@ -57,4 +57,4 @@ class vigil_core {
   bool raw_header;
 };
 
-#endif  // VIGILO_WATCH_VIGIL_CORE_H_
+#endif  // VIGILO_SRC_WATCH_VIGIL_CORE_H_

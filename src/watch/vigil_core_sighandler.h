@@ -2,8 +2,8 @@
 // a broadcast thread, asleep on it, then locks the poll mutex, sets the stop flag, broadcasts the
 // poll condition and ends. The poll loop posts the same semaphore itself when it ends (cleanup),
 // so the thread always finishes, and joins it.
-#ifndef VIGILO_WATCH_VIGIL_CORE_SIGHANDLER_H_
-#define VIGILO_WATCH_VIGIL_CORE_SIGHANDLER_H_
+#ifndef VIGILO_SRC_WATCH_VIGIL_CORE_SIGHANDLER_H_
+#define VIGILO_SRC_WATCH_VIGIL_CORE_SIGHANDLER_H_
 
 #include <cstdint>
 
@@ -14,8 +14,7 @@ class vigil_core_sighandler : public com::orvex::ShutdownSignalHandler {
  public:
   // Starts the broadcast thread, which waits at once. The mutex, condition and flag are the poll
   // loop's; they must outlive the thread. Throws when the thread cannot be started.
-  vigil_core_sighandler(com::orvex::Mutex* mutex, com::orvex::Condition* condition,
-                        bool* stopFlag);
+  vigil_core_sighandler(com::orvex::Mutex* mutex, com::orvex::Condition* condition, bool* stopFlag);
   // Neither posts nor joins; the program never destroys its handler.
   ~vigil_core_sighandler() override;
 
@@ -40,4 +39,4 @@ extern vigil_core_sighandler* SigHandler;
 // The SIGINT handler: SigHandler->invoke(signal).
 void SigIntHandler(int signal);
 
-#endif  // VIGILO_WATCH_VIGIL_CORE_SIGHANDLER_H_
+#endif  // VIGILO_SRC_WATCH_VIGIL_CORE_SIGHANDLER_H_

@@ -1,8 +1,8 @@
 // The engine's status object as the engine client library (libovclient) hands it out: a C-layout
 // object carrying a table of operations. vigilo calls five entries of the table; the others
 // belong to the library.
-#ifndef VIGILO_PLATFORM_OVCLIENT_STATUSOPAQUE_H_
-#define VIGILO_PLATFORM_OVCLIENT_STATUSOPAQUE_H_
+#ifndef VIGILO_SRC_PLATFORM_OVCLIENT_STATUSOPAQUE_H_
+#define VIGILO_SRC_PLATFORM_OVCLIENT_STATUSOPAQUE_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -63,4 +63,4 @@ inline StatusFunctions statusFunctionsOf(getNextStatusPair_fn getNextStatusPair,
 
 }  // extern "C"
 
-#endif  // VIGILO_PLATFORM_OVCLIENT_STATUSOPAQUE_H_
+#endif  // VIGILO_SRC_PLATFORM_OVCLIENT_STATUSOPAQUE_H_

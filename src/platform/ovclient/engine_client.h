@@ -1,7 +1,7 @@
 // The engine client library (libovclient): connection to an engine and its status snapshots.
 // Every operation may be called from one thread at a time per connection.
-#ifndef VIGILO_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_
-#define VIGILO_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_
+#ifndef VIGILO_SRC_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_
+#define VIGILO_SRC_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_
 
 #include "ovclient/StatusOpaque.h"
 
@@ -37,4 +37,4 @@ StatusOpaque* engineManagement_getStatusOpaque(com::orvex::engine::EngineManagem
 
 }  // extern "C"
 
-#endif  // VIGILO_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_
+#endif  // VIGILO_SRC_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_

@@ -1,8 +1,8 @@
 // The exception type of the engine libraries and of vigilo for engine failures: a copyable
 // carrier of one message text. Defined in libovcommon so that one type crosses every library
 // boundary of the process.
-#ifndef VIGILO_PLATFORM_OVCOMMON_ENGINEEXCEPTION_H_
-#define VIGILO_PLATFORM_OVCOMMON_ENGINEEXCEPTION_H_
+#ifndef VIGILO_SRC_PLATFORM_OVCOMMON_ENGINEEXCEPTION_H_
+#define VIGILO_SRC_PLATFORM_OVCOMMON_ENGINEEXCEPTION_H_
 
 #include <exception>
 #include <string>
@@ -20,9 +20,9 @@ class EngineException : public std::exception {
   const char* what() const noexcept override;
 
  private:
-  std::string text_;
+  std::string text;
 };
 
 }  // namespace com::orvex
 
-#endif  // VIGILO_PLATFORM_OVCOMMON_ENGINEEXCEPTION_H_
+#endif  // VIGILO_SRC_PLATFORM_OVCOMMON_ENGINEEXCEPTION_H_

@@ -1,7 +1,7 @@
 // Process services of the common support library (libovcommon). All operations are static and
 // safe to call from any thread unless a comment says otherwise.
-#ifndef VIGILO_PLATFORM_OVCOMMON_PLATFORM_H_
-#define VIGILO_PLATFORM_OVCOMMON_PLATFORM_H_
+#ifndef VIGILO_SRC_PLATFORM_OVCOMMON_PLATFORM_H_
+#define VIGILO_SRC_PLATFORM_OVCOMMON_PLATFORM_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -39,4 +39,4 @@ class Platform {
 
 }  // namespace com::orvex
 
-#endif  // VIGILO_PLATFORM_OVCOMMON_PLATFORM_H_
+#endif  // VIGILO_SRC_PLATFORM_OVCOMMON_PLATFORM_H_

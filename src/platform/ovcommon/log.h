@@ -1,8 +1,8 @@
 // The log of the common support library (libovcommon): one line per entry on stderr, with a
 // timestamp and the level. Levels follow syslog; the default is warning, so a normal run logs
 // nothing. Thread-safe: each line is one write.
-#ifndef VIGILO_PLATFORM_OVCOMMON_LOG_H_
-#define VIGILO_PLATFORM_OVCOMMON_LOG_H_
+#ifndef VIGILO_SRC_PLATFORM_OVCOMMON_LOG_H_
+#define VIGILO_SRC_PLATFORM_OVCOMMON_LOG_H_
 
 #include <string>
 
@@ -27,4 +27,4 @@ void logLine(LogLevel level, const std::string& text);
 
 }  // namespace com::orvex
 
-#endif  // VIGILO_PLATFORM_OVCOMMON_LOG_H_
+#endif  // VIGILO_SRC_PLATFORM_OVCOMMON_LOG_H_

@@ -1,7 +1,7 @@
 // Memory accounting and the out-of-memory report of the common support library (libovcommon).
 // Every operation here is safe before the process's allocator is known: none of them allocates.
-#ifndef VIGILO_PLATFORM_OVCOMMON_MEMORY_H_
-#define VIGILO_PLATFORM_OVCOMMON_MEMORY_H_
+#ifndef VIGILO_SRC_PLATFORM_OVCOMMON_MEMORY_H_
+#define VIGILO_SRC_PLATFORM_OVCOMMON_MEMORY_H_
 
 #include <cstdint>
 
@@ -19,4 +19,4 @@ std::uint64_t memoryFreedTotal();
 // Writes one line to stderr without allocating, then aborts. Never returns.
 [[noreturn]] void ov_outOfMemory();
 
-#endif  // VIGILO_PLATFORM_OVCOMMON_MEMORY_H_
+#endif  // VIGILO_SRC_PLATFORM_OVCOMMON_MEMORY_H_

@@ -1,6 +1,6 @@
 // Conversion of command-line text to UTF-8 (libovcommon).
-#ifndef VIGILO_PLATFORM_OVCOMMON_OV_UTF8_H_
-#define VIGILO_PLATFORM_OVCOMMON_OV_UTF8_H_
+#ifndef VIGILO_SRC_PLATFORM_OVCOMMON_OV_UTF8_H_
+#define VIGILO_SRC_PLATFORM_OVCOMMON_OV_UTF8_H_
 
 // Converts `text`, encoded in the codeset of the environment's locale (LC_ALL, LC_CTYPE, LANG, as
 // setlocale(LC_CTYPE, "") would choose it; the process's own locale is not changed), to UTF-8.
@@ -10,4 +10,4 @@
 // Thread-safe.
 char* ov_CstrToUTF8(const char* text);
 
-#endif  // VIGILO_PLATFORM_OVCOMMON_OV_UTF8_H_
+#endif  // VIGILO_SRC_PLATFORM_OVCOMMON_OV_UTF8_H_

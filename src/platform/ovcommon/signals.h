@@ -1,6 +1,6 @@
 // Signal routing of the common support library (libovcommon).
-#ifndef VIGILO_PLATFORM_OVCOMMON_SIGNALS_H_
-#define VIGILO_PLATFORM_OVCOMMON_SIGNALS_H_
+#ifndef VIGILO_SRC_PLATFORM_OVCOMMON_SIGNALS_H_
+#define VIGILO_SRC_PLATFORM_OVCOMMON_SIGNALS_H_
 
 namespace com::orvex {
 
@@ -27,4 +27,4 @@ void setupHandler(int signal, void (*function)(int));
 
 }  // namespace com::orvex
 
-#endif  // VIGILO_PLATFORM_OVCOMMON_SIGNALS_H_
+#endif  // VIGILO_SRC_PLATFORM_OVCOMMON_SIGNALS_H_

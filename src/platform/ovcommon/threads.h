@@ -1,6 +1,6 @@
 // Locks, conditions, semaphores and threads of the common support library (libovcommon).
-#ifndef VIGILO_PLATFORM_OVCOMMON_THREADS_H_
-#define VIGILO_PLATFORM_OVCOMMON_THREADS_H_
+#ifndef VIGILO_SRC_PLATFORM_OVCOMMON_THREADS_H_
+#define VIGILO_SRC_PLATFORM_OVCOMMON_THREADS_H_
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -23,8 +23,8 @@ class Mutex {
 
  private:
   friend class Condition;
-  pthread_mutex_t mutex_;
-  const char* name_;  // not owned; a literal in practice
+  pthread_mutex_t native;
+  const char* name;  // not owned; a literal in practice
 };
 
 // A condition variable bound to one mutex. Deadlines are absolute times of Platform::sysTime(),
@@ -42,8 +42,8 @@ class Condition {
   void broadcast();
 
  private:
-  Mutex& mutex_;
-  pthread_cond_t condition_;
+  Mutex& mutex;
+  pthread_cond_t native;
 };
 
 // A counting semaphore. post() is safe to call from a signal handler.
@@ -60,7 +60,7 @@ class Semaphore {
   void wait();
 
  private:
-  sem_t semaphore_;
+  sem_t native;
 };
 
 // What a new thread runs: `function(argument)`.
@@ -93,4 +93,4 @@ class Thread {
 
 }  // namespace com::orvex
 
-#endif  // VIGILO_PLATFORM_OVCOMMON_THREADS_H_
+#endif  // VIGILO_SRC_PLATFORM_OVCOMMON_THREADS_H_
