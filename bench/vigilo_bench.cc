@@ -61,7 +61,8 @@ double bareRequestsPerSecond(int port, double seconds) {
       const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
       if (n <= 0) return 0;
       response.append(buffer, static_cast<std::size_t>(n));
-      if (headerEnd == std::string::npos && (headerEnd = response.find("\r\n\r\n")) != std::string::npos) {
+      if (headerEnd == std::string::npos &&
+          (headerEnd = response.find("\r\n\r\n")) != std::string::npos) {
         const auto at = response.find("Content-Length: ");
         total = headerEnd + 4 + std::stoul(response.substr(at + 16));
       }
@@ -109,7 +110,7 @@ int main(int argc, char** argv) {
   for (int i = 0; i < 11; ++i) {
     child_process watch(waiting);
     watch.waitForOut("\n", 10s);
-    watch.waitUntilWaiting(10s);
+    watch.waitUntilSleeping(10s);
     const auto sent = clock_type::now();
     watch.signal(SIGINT);
     watch.finish(10s);

@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <stdexcept>
 
@@ -69,110 +70,113 @@ child_process::child_process(const std::vector<std::string>& argv, const options
 
   argument_vector args(argv);
   argument_vector env(mergedEnvironment(opts.env));
-  const int rc = posix_spawn(&pid_, argv[0].c_str(), &actions, &attr, args.argv(), env.argv());
+  const int rc = posix_spawn(&child, argv[0].c_str(), &actions, &attr, args.argv(), env.argv());
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   if (opts.stdoutPath.empty()) close(outPipe[1]);
   close(errPipe[1]);
-  outFd_ = outPipe[0];
-  errFd_ = errPipe[0];
+  outFd = outPipe[0];
+  errFd = errPipe[0];
   if (rc != 0) {
-    pid_ = -1;
+    child = -1;
     throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(rc));
   }
 }
 
 child_process::~child_process() {
-  if (pid_ > 0) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+  if (child > 0) {
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
   }
-  if (outFd_ >= 0) close(outFd_);
-  if (errFd_ >= 0) close(errFd_);
+  if (outFd >= 0) close(outFd);
+  if (errFd >= 0) close(errFd);
 }
 
 void child_process::pump(int timeoutMs) {
   pollfd fds[2];
   int n = 0;
-  if (outFd_ >= 0) fds[n++] = {outFd_, POLLIN, 0};
-  if (errFd_ >= 0) fds[n++] = {errFd_, POLLIN, 0};
+  if (outFd >= 0) fds[n++] = {outFd, POLLIN, 0};
+  if (errFd >= 0) fds[n++] = {errFd, POLLIN, 0};
   if (n == 0) return;
   if (poll(fds, n, timeoutMs) <= 0) return;
   for (int i = 0; i < n; ++i) {
     if (fds[i].revents == 0) continue;
     char buffer[65536];
     const ssize_t got = read(fds[i].fd, buffer, sizeof buffer);
-    const bool isOut = fds[i].fd == outFd_;
+    const bool isOut = fds[i].fd == outFd;
     if (got > 0) {
-      (isOut ? out_ : err_).append(buffer, static_cast<size_t>(got));
+      (isOut ? outText : errText).append(buffer, static_cast<size_t>(got));
     } else {
       close(fds[i].fd);
-      (isOut ? outFd_ : errFd_) = -1;
+      (isOut ? outFd : errFd) = -1;
     }
   }
 }
 
-bool child_process::waitFor(
-    const std::function<bool(const std::string&, const std::string&)>& done,
-    std::chrono::milliseconds timeout) {
+bool child_process::waitFor(const std::function<bool(const std::string&, const std::string&)>& done,
+                            std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!done(out_, err_)) {
+  while (!done(outText, errText)) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) return false;
-    if (outFd_ < 0 && errFd_ < 0) return done(out_, err_);
+    if (outFd < 0 && errFd < 0) return done(outText, errText);
     pump(static_cast<int>(left.count()));
   }
   return true;
 }
 
 bool child_process::waitForErr(const std::string& text, std::chrono::milliseconds timeout) {
-  return waitFor([&](const std::string&, const std::string& err) {
-    return err.find(text) != std::string::npos;
-  }, timeout);
+  return waitFor([&](const std::string&,
+                     const std::string& err) { return err.find(text) != std::string::npos; },
+                 timeout);
 }
 
 bool child_process::waitForOut(const std::string& text, std::chrono::milliseconds timeout) {
-  return waitFor([&](const std::string& out, const std::string&) {
-    return out.find(text) != std::string::npos;
-  }, timeout);
+  return waitFor([&](const std::string& out,
+                     const std::string&) { return out.find(text) != std::string::npos; },
+                 timeout);
 }
 
-bool child_process::waitUntilWaiting(std::chrono::milliseconds timeout) {
-  const std::string syscallPath = "/proc/" + std::to_string(pid_) + "/syscall";
+bool child_process::waitUntilSleeping(std::chrono::milliseconds timeout) {
+  const std::string statPath = "/proc/" + std::to_string(child) + "/stat";
   const auto deadline = std::chrono::steady_clock::now() + timeout;
-  constexpr int futexSyscall = 202;  // x86_64
   while (std::chrono::steady_clock::now() < deadline) {
-    std::ifstream file(syscallPath);
-    int number = -1;
-    if (file >> number && number == futexSyscall) return true;
+    // "PID (name) STATE ...": the name may hold blanks and parentheses, the state follows the
+    // last parenthesis.
+    std::ifstream file(statPath);
+    const std::string stat((std::istreambuf_iterator<char>(file)), {});
+    const auto close = stat.rfind(')');
+    if (close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'S') {
+      return true;
+    }
     pump(1);
   }
   return false;
 }
 
 void child_process::signal(int sig) {
-  if (pid_ > 0) kill(pid_, sig);
+  if (child > 0) kill(child, sig);
 }
 
 void child_process::closeStdout() {
-  if (outFd_ >= 0) close(outFd_);
-  outFd_ = -1;
+  if (outFd >= 0) close(outFd);
+  outFd = -1;
 }
 
 run_result child_process::finish(std::chrono::milliseconds timeout) {
-  waitFor([this](const std::string&, const std::string&) { return outFd_ < 0 && errFd_ < 0; },
+  waitFor([this](const std::string&, const std::string&) { return outFd < 0 && errFd < 0; },
           timeout);
   run_result result;
   int wstatus = 0;
-  if (outFd_ >= 0 || errFd_ >= 0) kill(pid_, SIGKILL);  // still writing past the bound
+  if (outFd >= 0 || errFd >= 0) kill(child, SIGKILL);  // still writing past the bound
   rusage usage{};
-  wait4(pid_, &wstatus, 0, &usage);
-  pid_ = -1;
+  wait4(child, &wstatus, 0, &usage);
+  child = -1;
   result.maxRssKb = usage.ru_maxrss;
   result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
-  result.out = out_;
-  result.err = err_;
+  result.out = outText;
+  result.err = errText;
   return result;
 }
 

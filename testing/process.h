@@ -33,7 +33,7 @@ class argument_vector {
 struct run_result {
   std::string out;
   std::string err;
-  int status = -1;  // exit status, or 128 + signal number when killed by a signal
+  int status = -1;    // exit status, or 128 + signal number when killed by a signal
   long maxRssKb = 0;  // the child's peak resident memory
 };
 
@@ -51,7 +51,7 @@ class child_process {
   child_process(const child_process&) = delete;
   child_process& operator=(const child_process&) = delete;
 
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return child; }
 
   // Reads output until `done(out, err)` holds or `timeout` passes; returns whether it held.
   bool waitFor(const std::function<bool(const std::string& out, const std::string& err)>& done,
@@ -59,9 +59,9 @@ class child_process {
   bool waitForErr(const std::string& text, std::chrono::milliseconds timeout);
   bool waitForOut(const std::string& text, std::chrono::milliseconds timeout);
 
-  // Waits until the child's main thread sleeps in a futex wait (a condition or lock wait), as
-  // /proc shows it; false after `timeout`.
-  bool waitUntilWaiting(std::chrono::milliseconds timeout);
+  // Waits until the child's main thread sleeps, as /proc shows its state; false after
+  // `timeout`. Once vigilo has written a poll, that is the wait before the next one.
+  bool waitUntilSleeping(std::chrono::milliseconds timeout);
 
   void signal(int sig);
   // Closes our end of the child's stdout pipe, as a reader that goes away would.
@@ -70,22 +70,21 @@ class child_process {
   // Reads the rest of the output and waits for the exit; kills the child after `timeout`.
   run_result finish(std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
-  const std::string& out() const { return out_; }
-  const std::string& err() const { return err_; }
+  const std::string& out() const { return outText; }
+  const std::string& err() const { return errText; }
 
  private:
   void pump(int timeoutMs);
 
-  pid_t pid_ = -1;
-  int outFd_ = -1;
-  int errFd_ = -1;
-  std::string out_;
-  std::string err_;
+  pid_t child = -1;
+  int outFd = -1;
+  int errFd = -1;
+  std::string outText;
+  std::string errText;
 };
 
 // Runs a program to its end and returns what it wrote and its status.
-run_result runProcess(const std::vector<std::string>& argv,
-                      const child_process::options& opts = {},
+run_result runProcess(const std::vector<std::string>& argv, const child_process::options& opts = {},
                       std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 }  // namespace vigilo::test_support

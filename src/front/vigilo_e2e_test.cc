@@ -1,8 +1,7 @@
 // The real vigilo binary against a real engine process and against a scripted engine on
 // loopback: whole outputs, exit statuses, real signals, files, pipes and /dev/full.
-#include <signal.h>
-
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <atomic>
@@ -88,17 +87,19 @@ INSTANTIATE_TEST_SUITE_P(
     Modes, OnceTest,
     ::testing::Values(
         mode_case{"human", {"-o"}, text7("100") + "\nEvent rate over last interval: -\n\n"},
-        mode_case{"human_title_ignored", {"-o", "-t"},
+        mode_case{"human_title_ignored",
+                  {"-o", "-t"},
                   text7("100") + "\nEvent rate over last interval: -\n\n"},
-        mode_case{"human_all", {"-o", "-a"},
-                  text7("100") +
-                      "user-a:                         A\n"
-                      "x-user-b:                       B,b\n"
-                      "\nEvent rate over last interval: -\n\n"},
+        mode_case{"human_all",
+                  {"-o", "-a"},
+                  text7("100") + "user-a:                         A\n"
+                                 "x-user-b:                       B,b\n"
+                                 "\nEvent rate over last interval: -\n\n"},
         mode_case{"raw", {"-o", "-r"}, raw7("100") + "\n"},
         mode_case{"raw_all", {"-o", "-r", "-a"}, raw7("100") + ",A,B,b\n"},
         mode_case{"raw_title", {"-o", "-r", "-t"}, rawHeading + "\n" + raw7("100") + "\n"},
-        mode_case{"raw_title_all", {"--once", "--raw", "--title", "--all"},
+        mode_case{"raw_title_all",
+                  {"--once", "--raw", "--title", "--all"},
                   rawHeading + ",user-a,x-user-b\n" + raw7("100") + ",A,B,b\n"}),
     vigilo::test_support::param_name());
 
@@ -122,7 +123,8 @@ TEST(VigiloTest, RatesFollowTheProcessedCount) {
 TEST(VigiloTest, HeadingOnceWhileUserColumnsGrow) {
   fake_engine engine(engineScript([](int n) {
     pairs grown;
-    for (int i = 0; i < n; ++i) grown.emplace_back("user-" + std::to_string(i), "v" + std::to_string(i));
+    for (int i = 0; i < n; ++i)
+      grown.emplace_back("user-" + std::to_string(i), "v" + std::to_string(i));
     return n < 4 ? catalogueDocument(n, grown) : httpReply(500, "Internal Server Error", "");
   }));
   const auto result = runProcess(vigilo(engine.port(), {"-r", "-t", "-a", "-i", "0"}), {}, bound);
@@ -136,7 +138,7 @@ TEST(VigiloTest, HeadingOnceWhileUserColumnsGrow) {
 // A stop signal during the wait ends the watch at once, without another poll.
 TEST(VigiloTest, StopSignalDuringAWaitEndsAtOnce) {
   for (const std::vector<int>& signals : {std::vector<int>{SIGINT}, std::vector<int>{SIGTERM},
-                                         std::vector<int>{SIGINT, SIGINT, SIGINT}}) {
+                                          std::vector<int>{SIGINT, SIGINT, SIGINT}}) {
     SCOPED_TRACE(strsignal(signals[0]) + std::string(" x") + std::to_string(signals.size()));
     std::atomic<int> statusRequests{0};
     fake_engine engine([&](const std::string& path, int) {
@@ -148,12 +150,13 @@ TEST(VigiloTest, StopSignalDuringAWaitEndsAtOnce) {
     ASSERT_TRUE(watch.waitForOut("\n", bound)) << watch.err();
     // A signal that comes while the poll is still being written is seen only after the next
     // wait has run its course; this one is meant for the wait itself.
-    ASSERT_TRUE(watch.waitUntilWaiting(bound));
+    ASSERT_TRUE(watch.waitUntilSleeping(bound));
     const auto sent = std::chrono::steady_clock::now();
     for (const int sig : signals) watch.signal(sig);
     const auto result = watch.finish(bound);
     const auto exitMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            std::chrono::steady_clock::now() - sent).count();
+                            std::chrono::steady_clock::now() - sent)
+                            .count();
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "Control-C to exit...\n");
     EXPECT_EQ(result.out, raw7("5") + "\n");
@@ -219,14 +222,19 @@ TEST(VigiloTest, VerboseAnnouncesStartAndEndAmongTheLibraryLog) {
   const auto result = runProcess(vigilo(engine.port(), {"-o", "-r", "-v"}), {}, bound);
   EXPECT_EQ(result.status, 0);
   const std::string err = std::regex_replace(
-      result.err, std::regex(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )",
-                             std::regex::multiline), "T ");
-  EXPECT_EQ(err, "T INFO  engine client initialised for vigilo\n"
-                 "T INFO  connected to engine at " + where(engine.port()) + "\n"
-                 "vigilo starting...\n"
-                 "vigilo done\n"
-                 "T INFO  disconnected from engine at " + where(engine.port()) + "\n"
-                 "T INFO  engine client shut down\n");
+      result.err, std::regex(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} )", std::regex::multiline),
+      "T ");
+  EXPECT_EQ(err,
+            "T INFO  engine client initialised for vigilo\n"
+            "T INFO  connected to engine at " +
+                where(engine.port()) +
+                "\n"
+                "vigilo starting...\n"
+                "vigilo done\n"
+                "T INFO  disconnected from engine at " +
+                where(engine.port()) +
+                "\n"
+                "T INFO  engine client shut down\n");
 }
 
 // The real engine: a started ovengine on an ephemeral port.
@@ -247,10 +255,9 @@ TEST(VigiloTest, WatchesARealEngine) {
   const auto result = runProcess(vigilo(engine.port, {"-o", "-r", "-t", "-a"}), {}, bound);
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");
-  EXPECT_TRUE(std::regex_match(result.out,
-                               std::regex(std::regex_replace(rawHeading, std::regex(R"([()#])"),
-                                                             R"(\$&)") +
-                                          ",user-region\n" + realRawLine + ",emea\n")))
+  EXPECT_TRUE(std::regex_match(
+      result.out, std::regex(std::regex_replace(rawHeading, std::regex(R"([()#])"), R"(\$&)") +
+                             ",user-region\n" + realRawLine + ",emea\n")))
       << result.out;
 }
 
@@ -261,8 +268,10 @@ TEST(VigiloTest, EngineDyingMidWatch) {
   engine.started.process().signal(SIGKILL);
   const auto result = watch.finish(bound);
   EXPECT_EQ(result.status, 2);
-  const std::string prefix = "Control-C to exit...\nStatus monitor failed: Status request to "
-                             "engine at " + where(engine.port) + " failed: ";
+  const std::string prefix =
+      "Control-C to exit...\nStatus monitor failed: Status request to "
+      "engine at " +
+      where(engine.port) + " failed: ";
   const std::regex causes(
       "(Connection refused|GET /status: Connection reset by peer|GET /status: connection closed "
       "by the engine (before any|in the middle of the) response)\n");
@@ -314,9 +323,12 @@ TEST(VigiloTest, CleanUnderValgrind) {
   std::vector<std::string> watching = valgrind;
   for (const auto& a : vigilo(engine.port, {"-r", "-a", "-t", "-i", "20"})) watching.push_back(a);
   child_process watch(watching);
-  ASSERT_TRUE(watch.waitFor([](const std::string& out, const std::string&) {
-    return std::count(out.begin(), out.end(), '\n') >= 3;
-  }, 120s)) << watch.err();
+  ASSERT_TRUE(watch.waitFor(
+      [](const std::string& out, const std::string&) {
+        return std::count(out.begin(), out.end(), '\n') >= 3;
+      },
+      120s))
+      << watch.err();
   watch.signal(SIGINT);
   const auto result = watch.finish(120s);
   EXPECT_EQ(result.status, 0);

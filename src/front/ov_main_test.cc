@@ -1,9 +1,10 @@
 // The watch as ov_main runs it, in process, over a link-time fake of the engine client library:
 // the order of release, every failure row with its message and status, the one-time heading,
 // the event rate, and Control-C.
-#include <signal.h>
+#include "front/ov_main.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <cstdio>
 #include <fstream>
@@ -14,7 +15,6 @@
 #include <string>
 #include <vector>
 
-#include "front/ov_main.h"
 #include "front/settings.h"
 #include "ovcommon/EngineException.h"
 #include "ovcommon/log.h"
@@ -30,8 +30,8 @@ using vigilo::test_support::fake_client;
 using vigilo::test_support::fake_fetch;
 using vigilo::test_support::fake_status_script;
 using vigilo::test_support::fakeClient;
-using vigilo::test_support::rawHeading;
 using vigilo::test_support::raw7;
+using vigilo::test_support::rawHeading;
 using vigilo::test_support::text7;
 using vigilo::test_support::uniformSnapshot;
 
@@ -84,7 +84,6 @@ class WatchTest : public ::testing::Test {
     EXPECT_EQ(fakeClient().statusLog.deletes, fakeClient().snapshotsHandedOut);
   }
 };
-
 
 TEST_F(WatchTest, ReleasesFileThenWatcherThenConnectionThenLibrary) {
   const std::string path = ::testing::TempDir() + "/vigilo_release_order.csv";
@@ -165,55 +164,83 @@ const std::vector<std::string> fullRun = {"init vigilo", "connect localhost:1590
 INSTANTIATE_TEST_SUITE_P(
     Rows, WatchFailureTest,
     ::testing::Values(
-        failure_row{"init_throws", {"-o"},
+        failure_row{"init_throws",
+                    {"-o"},
                     [](fake_client& f) { f.onInit = [] { throw EngineException("no licence"); }; },
-                    1, "Failed to initialise engine library: no licence\n", {"init vigilo"}},
-        failure_row{"init_throws_other", {"-o"},
-                    [](fake_client& f) { f.onInit = [] { throw std::runtime_error("x"); }; }, 1,
+                    1,
+                    "Failed to initialise engine library: no licence\n",
+                    {"init vigilo"}},
+        failure_row{"init_throws_other",
+                    {"-o"},
+                    [](fake_client& f) { f.onInit = [] { throw std::runtime_error("x"); }; },
+                    1,
                     "Failed to initialise engine library: Caught non-engine exception in main()\n",
                     {"init vigilo"}},
-        failure_row{"connect_throws", {"-o", "-p", "8080", "-n", "engine"},
+        failure_row{"connect_throws",
+                    {"-o", "-p", "8080", "-n", "engine"},
                     [](fake_client& f) {
                       f.onConnect = [] { throw EngineException("Connection refused"); };
                     },
-                    1, "Failed to connect to engine: Connection refused\n",
+                    1,
+                    "Failed to connect to engine: Connection refused\n",
                     {"init vigilo", "connect engine:8080", "shutdown"}},
-        failure_row{"connect_returns_null", {"-o"},
-                    [](fake_client& f) { f.connectReturnsNull = true; }, 1,
+        failure_row{"connect_returns_null",
+                    {"-o"},
+                    [](fake_client& f) { f.connectReturnsNull = true; },
+                    1,
                     "Failed to connect to engine: Failed to connect to engine\n",
                     {"init vigilo", "connect localhost:15903", "shutdown"}},
-        failure_row{"connect_throws_other", {"-o"},
-                    [](fake_client& f) { f.onConnect = [] { throw 42; }; }, 1,
+        failure_row{"connect_throws_other",
+                    {"-o"},
+                    [](fake_client& f) { f.onConnect = [] { throw 42; }; },
+                    1,
                     "Failed to connect to engine: Caught non-engine exception in main()\n",
                     {"init vigilo", "connect localhost:15903", "shutdown"}},
-        failure_row{"file_in_missing_directory", {"-o", "-f", "/nonexistent-dir/out.txt"},
-                    [](fake_client&) {}, 2, "Failed to open file: /nonexistent-dir/out.txt\n",
+        failure_row{"file_in_missing_directory",
+                    {"-o", "-f", "/nonexistent-dir/out.txt"},
+                    [](fake_client&) {},
+                    2,
+                    "Failed to open file: /nonexistent-dir/out.txt\n",
                     {"init vigilo", "connect localhost:15903", "disconnect", "shutdown"}},
-        failure_row{"fetch_fails", {"-o", "-v"},
-                    [](fake_client& f) { f.fetches = {failing("engine said no")}; }, 2,
+        failure_row{"fetch_fails",
+                    {"-o", "-v"},
+                    [](fake_client& f) { f.fetches = {failing("engine said no")}; },
+                    2,
                     "vigilo starting...\nvigilo done\nStatus monitor failed: engine said no\n",
                     fullRun},
-        failure_row{"heading_fetch_fails_writes_nothing", {"-o", "-r", "-t"},
-                    [](fake_client& f) { f.fetches = {failing("gone")}; }, 2,
-                    "Status monitor failed: gone\n", fullRun},
-        failure_row{"later_fetch_fails", {"-r", "-i", "0"},
-                    [](fake_client& f) { f.fetches = {good(5), failing("lost")}; }, 2,
-                    "Control-C to exit...\nStatus monitor failed: lost\n",
-                    {"init vigilo", "connect localhost:15903", "fetch", "fetch", "disconnect",
-                     "shutdown"},
-                    raw7("5") + "\n"},
-        failure_row{"disconnect_throws", {"-o", "-r"},
-                    [](fake_client& f) {
-                      f.onDisconnect = [] { throw EngineException("socket stuck"); };
-                    },
-                    0, "Failed to disconnect from engine: socket stuck\n",
-                    {"init vigilo", "connect localhost:15903", "fetch", "disconnect"},
-                    raw7("0") + "\n"},
-        failure_row{"shutdown_throws", {"-o", "-r"},
-                    [](fake_client& f) { f.onShutdown = [] { throw std::logic_error("x"); }; }, 0,
+        failure_row{"heading_fetch_fails_writes_nothing",
+                    {"-o", "-r", "-t"},
+                    [](fake_client& f) { f.fetches = {failing("gone")}; },
+                    2,
+                    "Status monitor failed: gone\n",
+                    fullRun},
+        failure_row{
+            "later_fetch_fails",
+            {"-r", "-i", "0"},
+            [](fake_client& f) {
+              f.fetches = {good(5), failing("lost")};
+            },
+            2,
+            "Control-C to exit...\nStatus monitor failed: lost\n",
+            {"init vigilo", "connect localhost:15903", "fetch", "fetch", "disconnect", "shutdown"},
+            raw7("5") + "\n"},
+        failure_row{
+            "disconnect_throws",
+            {"-o", "-r"},
+            [](fake_client& f) { f.onDisconnect = [] { throw EngineException("socket stuck"); }; },
+            0,
+            "Failed to disconnect from engine: socket stuck\n",
+            {"init vigilo", "connect localhost:15903", "fetch", "disconnect"},
+            raw7("0") + "\n"},
+        failure_row{"shutdown_throws",
+                    {"-o", "-r"},
+                    [](fake_client& f) { f.onShutdown = [] { throw std::logic_error("x"); }; },
+                    0,
                     "Failed to shutdown engine library: Caught non-engine exception in main()\n",
-                    fullRun, raw7("0") + "\n"},
-        failure_row{"fetch_and_disconnect_fail", {"-o"},
+                    fullRun,
+                    raw7("0") + "\n"},
+        failure_row{"fetch_and_disconnect_fail",
+                    {"-o"},
                     [](fake_client& f) {
                       f.fetches = {failing("boom")};
                       f.onDisconnect = [] { throw EngineException("stuck"); };
@@ -227,9 +254,7 @@ TEST_F(WatchTest, HeadingIsWrittenOnceFromItsOwnSnapshot) {
   fakeClient().fetches = {good(0, {{"user-a", "A0"}}), good(1, {{"user-a", "A1"}}),
                           good(2, {{"user-a", "A2"}, {"my-user-b", "B2"}}), failing("end")};
   const auto result = runVigilo({"-r", "-t", "-a", "-i", "0"});
-  EXPECT_EQ(result.out,
-            rawHeading + ",user-a\n" +
-                raw7("1") + ",A1\n" + raw7("2") + ",A2,B2\n");
+  EXPECT_EQ(result.out, rawHeading + ",user-a\n" + raw7("1") + ",A1\n" + raw7("2") + ",A2,B2\n");
   EXPECT_EQ(result.status, 2);
   EXPECT_EQ(fakeClient().statusLog.deletes, 3);
 }
@@ -250,19 +275,20 @@ TEST_F(WatchTest, EventRateOverTheConfiguredInterval) {
   for (std::string line; std::getline(lines, line);) {
     if (line.rfind("Event rate", 0) == 0) rates.push_back(line);
   }
-  EXPECT_EQ(rates, (std::vector<std::string>{
-                       "Event rate over last interval: -",
-                       "Event rate over last interval: 2000.00 ev/s",
-                       "Event rate over last interval: 36893488147419103232.00 ev/s"}));
+  EXPECT_EQ(rates,
+            (std::vector<std::string>{
+                "Event rate over last interval: -", "Event rate over last interval: 2000.00 ev/s",
+                "Event rate over last interval: 36893488147419103232.00 ev/s"}));
 }
 
 TEST_F(WatchTest, HumanReadablePollIsTextBlankLineRateAndBlankLine) {
   fakeClient().fetches = {good(0, {{"user-x", "5"}}), good(10), failing("end")};
   const auto result = runVigilo({"-a", "-i", "0"});
   // With an interval of 0 there is never a rate.
-  EXPECT_EQ(result.out, text7("0") + "user-x:                         5\n\n"
-                        "Event rate over last interval: -\n\n" +
-                        text7("10") + "\nEvent rate over last interval: -\n\n");
+  EXPECT_EQ(result.out, text7("0") +
+                            "user-x:                         5\n\n"
+                            "Event rate over last interval: -\n\n" +
+                            text7("10") + "\nEvent rate over last interval: -\n\n");
 }
 
 // A stream that refuses every byte, as a full device does.
