@@ -3,11 +3,13 @@
 // program runs itself once per route and prints one table.
 //
 //   build/bin/allocation_bench
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "support/allocation.h"
 
@@ -17,7 +19,7 @@ void* volatile sink;
 
 template <typename Alloc, typename Release>
 double pairsPerSecond(Alloc allocate, Release release, std::size_t size) {
-  constexpr int pairs = 4'000'000;
+  constexpr int pairs = 5'000'000;
   const auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < pairs; ++i) {
     void* block = allocate(size);
@@ -25,6 +27,19 @@ double pairsPerSecond(Alloc allocate, Release release, std::size_t size) {
     release(block);
   }
   return pairs / std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// The best of several alternating rounds of each, so that a busy moment of the machine weighs
+// on neither side.
+std::pair<double, double> bestOfRounds(std::size_t size) {
+  double entry = 0, next = 0;
+  for (int round = 0; round < 7; ++round) {
+    entry = std::max(entry, pairsPerSecond([](std::size_t n) { return malloc(n); },
+                                           [](void* b) { free(b); }, size));
+    next = std::max(next, pairsPerSecond([](std::size_t n) { return sysmalloc(n); },
+                                         [](void* b) { sysfree(b); }, size));
+  }
+  return {entry, next};
 }
 
 // Runs this program for one route and returns its two figures.
@@ -45,10 +60,7 @@ int main(int argc, char** argv) {
   if (std::getenv("VIGILO_BENCH_ROUTE") != nullptr && argc > 1) {
     const std::size_t size = std::strtoul(argv[1], nullptr, 10);
     ov_installOutOfMemoryCatcher();
-    const double entry =
-        pairsPerSecond([](std::size_t n) { return malloc(n); }, [](void* b) { free(b); }, size);
-    const double next = pairsPerSecond([](std::size_t n) { return sysmalloc(n); },
-                                       [](void* b) { sysfree(b); }, size);
+    const auto [entry, next] = bestOfRounds(size);
     std::printf("%.0f %.0f\n", entry, next);
     return 0;
   }

@@ -30,7 +30,8 @@ namespace {
 
 constexpr std::uint64_t headerBytes = 8;
 // A header with this bit set belongs to an aligned block: the word before it holds the distance
-// from the next allocator's block to the caller's address. Totals never reach 2^63.
+// from the next allocator's block to the caller's address. User space lies below 2^63 on every
+// 64-bit Linux, so the total of a real block never has this bit.
 constexpr std::uint64_t alignedFlag = std::uint64_t{1} << 63;
 
 std::uint64_t* header(void* block) { return static_cast<std::uint64_t*>(block) - 1; }
@@ -42,16 +43,15 @@ void lookUp(Fn& variable, const char* name, Fn own) {
   if (variable == own) std::abort();  // the search found this program itself
 }
 
+// A request whose total, header included, does not fit in 64 bits gets null and ENOMEM, and no
+// report: no arithmetic can describe the block. Every other request is the next allocator's to
+// grant or refuse.
 void* refuse() {
   errno = ENOMEM;
   return nullptr;
 }
 
-// Requests whose total, header included, would reach 2^63 are refused with ENOMEM and not
-// reported: no block could be that large, and the top bit of a header marks aligned blocks.
-constexpr std::uint64_t largestTotal = alignedFlag - 1;
-
-bool mallocRefused(std::size_t size) { return size > largestTotal - headerBytes; }
+bool headerOverflows(std::size_t size) { return size > SIZE_MAX - headerBytes; }
 
 // calloc's unit, and the units the header adds: the fewest whole units that hold 8 bytes.
 struct calloc_units {
@@ -64,9 +64,23 @@ calloc_units callocUnits(std::size_t first) {
   return {first, (headerBytes + first - 1) / first};
 }
 
-bool callocRefused(std::size_t first, std::size_t second) {
+bool callocOverflows(std::size_t first, std::size_t second) {
   const calloc_units u = callocUnits(first);
-  return second > largestTotal - u.extra || second + u.extra > largestTotal / u.unit;
+  return second > SIZE_MAX - u.extra || second + u.extra > SIZE_MAX / u.unit;
+}
+
+// The caller's address in a block of the next allocator that starts with a header of `total`,
+// counted as allocated. A next allocator that claims a block no address space could hold is
+// taken as having refused it.
+void* headedBlock(void* start, std::uint64_t total) {
+  if (start == nullptr) return nullptr;
+  if ((total & alignedFlag) != 0) {
+    sysfree(start);
+    return nullptr;
+  }
+  *static_cast<std::uint64_t*>(start) = total;
+  countMemoryAllocated(total);
+  return static_cast<char*>(start) + headerBytes;
 }
 
 // The next allocator's own function of the aligned family, found at its first use: the plain route
@@ -102,12 +116,14 @@ bool tracking() { return resolved(trackingmalloc) == &track_malloc; }
 // caller's address, which is aligned and carries the flagged header.
 void* trackAligned(std::size_t alignment, std::size_t size) {
   if (alignment < 16) alignment = 16;
-  if (alignment > largestTotal / 2 || size > largestTotal - alignment - 2 * headerBytes) {
-    return refuse();
-  }
+  if (alignment > SIZE_MAX / 2 || size > SIZE_MAX - alignment - 2 * headerBytes) return refuse();
   const std::uint64_t total = size + alignment + 2 * headerBytes;
   void* start = sysmalloc(total);
   if (start == nullptr) return nullptr;
+  if ((total & alignedFlag) != 0) {
+    sysfree(start);
+    return nullptr;
+  }
   const auto base = reinterpret_cast<std::uintptr_t>(start) + 2 * headerBytes;
   const std::uintptr_t aligned = (base + alignment - 1) & ~(std::uintptr_t{alignment} - 1);
   void* block = reinterpret_cast<void*>(aligned);
@@ -132,6 +148,20 @@ block_info infoOf(void* block) {
   const std::uint64_t total = word & ~alignedFlag;
   const std::uint64_t offset = header(block)[-1];
   return {static_cast<char*>(block) - offset, total, total - offset};
+}
+
+// The tracking route's malloc and free. The entry points run them in place rather than through
+// their function pointers: every call level costs as much as the header and the count together.
+[[gnu::always_inline]] inline void* trackMalloc(std::size_t size) {
+  if (headerOverflows(size)) return refuse();
+  return headedBlock(sysmalloc(size + headerBytes), size + headerBytes);
+}
+
+[[gnu::always_inline]] inline void trackFree(void* block) {
+  if (block == nullptr) return;
+  const block_info info = infoOf(block);
+  countMemoryFreed(info.total);
+  sysfree(info.start);
 }
 
 bool isPowerOfTwo(std::size_t n) { return n != 0 && (n & (n - 1)) == 0; }
@@ -184,31 +214,19 @@ void lookupNextMallocs() {
 
 void ov_installOutOfMemoryCatcher() { lookupNextMallocs(); }
 
-void* track_malloc(std::size_t size) {
-  if (mallocRefused(size)) return refuse();
-  const std::uint64_t total = size + headerBytes;
-  void* start = sysmalloc(total);
-  if (start == nullptr) return nullptr;
-  *static_cast<std::uint64_t*>(start) = total;
-  countMemoryAllocated(total);
-  return static_cast<char*>(start) + headerBytes;
-}
+void* track_malloc(std::size_t size) { return trackMalloc(size); }
 
 // The first argument is the unit and the second the number of units.
 void* track_calloc(std::size_t first, std::size_t second) {
-  if (callocRefused(first, second)) return refuse();
+  if (callocOverflows(first, second)) return refuse();
   const calloc_units u = callocUnits(first);
   const std::uint64_t units = second + u.extra;
-  void* start = syscalloc(units, u.unit);
-  if (start == nullptr) return nullptr;
-  const std::uint64_t total = units * u.unit;
-  *static_cast<std::uint64_t*>(start) = total;
-  countMemoryAllocated(total);
-  return static_cast<char*>(start) + headerBytes;
+  // The header is written after the next allocator has zeroed the block.
+  return headedBlock(syscalloc(units, u.unit), units * u.unit);
 }
 
 void* track_realloc(void* block, std::size_t size) {
-  if (mallocRefused(size)) return refuse();
+  if (headerOverflows(size)) return refuse();
   if (block != nullptr && (*header(block) & alignedFlag) != 0) {
     // The next allocator cannot resize from an address inside its block: move it.
     const block_info old = infoOf(block);
@@ -224,43 +242,42 @@ void* track_realloc(void* block, std::size_t size) {
     start = header(block);
     countMemoryFreed(*header(block));
   }
-  void* resized = sysrealloc(start, total);
-  if (resized == nullptr) return nullptr;
-  *static_cast<std::uint64_t*>(resized) = total;
-  countMemoryAllocated(total);
-  return static_cast<char*>(resized) + headerBytes;
+  return headedBlock(sysrealloc(start, total), total);
 }
 
-void track_free(void* block) {
-  if (block == nullptr) return;
-  const block_info info = infoOf(block);
-  countMemoryFreed(info.total);
-  sysfree(info.start);
-}
+void track_free(void* block) { trackFree(block); }
 
 // The entry points.
 
 void* malloc(std::size_t size) {
-  void* block = resolved(trackingmalloc)(size);
-  if (block == nullptr && tracking() && mallocRefused(size)) return nullptr;
+  const malloc_fn impl = resolved(trackingmalloc);
+  void* block = impl == &track_malloc ? trackMalloc(size) : impl(size);
+  if (block == nullptr && tracking() && headerOverflows(size)) return nullptr;
   return entryResult(block);
 }
 
 void* calloc(std::size_t first, std::size_t second) {
   if (recursing) return nullptr;  // the dynamic loader asks during the lookup; it copes
   void* block = resolved(trackingcalloc)(first, second);
-  if (block == nullptr && tracking() && callocRefused(first, second)) return nullptr;
+  if (block == nullptr && tracking() && callocOverflows(first, second)) return nullptr;
   return entryResult(block);
 }
 
 void* realloc(void* block, std::size_t size) {
   void* resized = resolved(trackingrealloc)(block, size);
   if (resized == nullptr && size == 0) return nullptr;  // released, as realloc(block, 0) may
-  if (resized == nullptr && tracking() && mallocRefused(size)) return nullptr;
+  if (resized == nullptr && tracking() && headerOverflows(size)) return nullptr;
   return entryResult(resized);
 }
 
-void free(void* block) { resolved(trackingfree)(block); }
+void free(void* block) {
+  const free_fn impl = resolved(trackingfree);
+  if (impl == &track_free) {
+    trackFree(block);
+  } else {
+    impl(block);
+  }
+}
 
 // The aligned family: forwarded unchanged on the plain route; on the tracking route they carry a
 // header that free and realloc recognise, so that no block without one ever reaches free.
