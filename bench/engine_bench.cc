@@ -12,7 +12,7 @@
 
 #include "ovclient/engine_client.h"
 #include "status/EngineStatus.h"
-#include "testing/engine_process.h"
+#include "testing/process.h"
 
 namespace {
 

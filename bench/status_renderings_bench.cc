@@ -16,10 +16,10 @@ using com::orvex::engine::EngineStatus;
 using vigilo::test_support::fake_status_log;
 using vigilo::test_support::fake_status_script;
 using vigilo::test_support::newFakeStatus;
-using vigilo::test_support::uniformSnapshot;
+using vigilo::test_support::snapshot7;
 
 fake_status_script snapshotWithUsers() {
-  fake_status_script script = uniformSnapshot(4294967295ULL, "orders-context");
+  fake_status_script script = snapshot7(4294967295ULL, "orders-context");
   for (int i = 0; i < 10; ++i) {
     script.pairs.emplace_back("numContexts", "3");
     script.pairs.emplace_back("user-key" + std::to_string(i), "value-" + std::to_string(i));

@@ -18,7 +18,6 @@
 #include <string>
 #include <vector>
 
-#include "testing/engine_process.h"
 #include "testing/process.h"
 
 namespace {
@@ -78,10 +77,9 @@ double bareRequestsPerSecond(int port, double seconds) {
 
 int main(int argc, char** argv) {
   const double seconds = argc > 1 ? std::atof(argv[1]) : 2.0;
-  vigilo::test_support::engine_process started(OVENGINE_BINARY,
-                                               {"--load", "10000", "--user-status", "region=emea"});
-  child_process& engine = started.process();
-  const int port = started.port();
+  vigilo::test_support::engine_process engine(OVENGINE_BINARY,
+                                              {"--load", "10000", "--user-status", "region=emea"});
+  const int port = engine.port();
   const std::string portText = std::to_string(port);
   const std::vector<std::string> vigilo = {VIGILO_BINARY, "-n", "127.0.0.1", "-p", portText};
 

@@ -3,53 +3,53 @@
 #include <algorithm>
 #include <cstring>
 
+using vigilo::test_support::fakeClient;
+
 namespace com::orvex::engine {
 
-// Never dereferenced: the fake only hands it around.
-class EngineManagement {};
+class EngineManagement {};  // never looked into: the fake only hands it around
 
 namespace {
+
 EngineManagement theConnection;
+
+void record(const std::string& call, const std::function<void()>& hook) {
+  fakeClient().calls.push_back(call);
+  if (hook) hook();
 }
+
+}  // namespace
 
 void engineInit(const char* programName) {
-  vigilo::test_support::fakeClient().calls.push_back(std::string("init ") + programName);
-  if (auto& hook = vigilo::test_support::fakeClient().onInit) hook();
+  record(std::string("init ") + programName, fakeClient().onInit);
 }
 
-void engineShutdown() {
-  vigilo::test_support::fakeClient().calls.push_back("shutdown");
-  if (auto& hook = vigilo::test_support::fakeClient().onShutdown) hook();
-}
+void engineShutdown() { record("shutdown", fakeClient().onShutdown); }
 
 EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short port,
                                              const char* reserved) {
-  auto& fake = vigilo::test_support::fakeClient();
-  fake.calls.push_back("connect " + std::string(host) + ":" + std::to_string(port) +
-                       (reserved == nullptr ? "" : " with a non-null third argument"));
-  if (fake.onConnect) fake.onConnect();
-  return fake.connectReturnsNull ? nullptr : &theConnection;
+  record("connect " + std::string(host) + ":" + std::to_string(port) +
+             (reserved == nullptr ? "" : " with a non-null third argument"),
+         fakeClient().onConnect);
+  return fakeClient().connectReturnsNull ? nullptr : &theConnection;
 }
 
 void disconnectFromEngine(EngineManagement* management) {
-  auto& fake = vigilo::test_support::fakeClient();
-  fake.calls.push_back(management == &theConnection ? "disconnect" : "disconnect unknown");
-  if (fake.onDisconnect) fake.onDisconnect();
+  record(management == &theConnection ? "disconnect" : "disconnect unknown",
+         fakeClient().onDisconnect);
 }
 
 }  // namespace com::orvex::engine
 
 extern "C" StatusOpaque* engineManagement_getStatusOpaque(com::orvex::engine::EngineManagement*,
                                                           char** error) {
-  auto& fake = vigilo::test_support::fakeClient();
-  const std::size_t index = static_cast<std::size_t>(
-      std::count(fake.calls.begin(), fake.calls.end(), std::string("fetch")));
+  auto& fake = fakeClient();
+  const auto index =
+      static_cast<std::size_t>(std::count(fake.calls.begin(), fake.calls.end(), "fetch"));
   fake.calls.push_back("fetch");
-  if (index >= fake.fetches.size()) {
-    *error = strdup("no more snapshots");
-    return nullptr;
-  }
-  const vigilo::test_support::fake_fetch& step = fake.fetches[index];
+  const vigilo::test_support::fake_fetch step =
+      index < fake.fetches.size() ? fake.fetches[index]
+                                  : vigilo::test_support::fake_fetch{{}, "no more snapshots"};
   if (step.before) step.before();
   if (!step.snapshot) {
     *error = strdup(step.error.c_str());

@@ -1,6 +1,5 @@
-// Test support: the engine client library replaced at link time. Each test scripts what the
-// library's calls do (succeed, throw, hand out a scripted snapshot) and reads back the calls in
-// order.
+// Test support: the engine client library replaced at link time. A test scripts what its calls
+// do (succeed, throw, hand out a scripted snapshot or an error) and reads back the calls in order.
 #ifndef VIGILO_TESTING_FAKE_CLIENT_H_
 #define VIGILO_TESTING_FAKE_CLIENT_H_
 
@@ -16,25 +15,22 @@ namespace vigilo::test_support {
 
 struct fake_fetch {
   std::optional<fake_status_script> snapshot;  // handed out when set
-  std::string error;                           // otherwise this error text
+  std::string error = "";                      // otherwise this error text
   std::function<void()> before = nullptr;      // runs first, inside the fetch
 };
 
 struct fake_client {
-  std::function<void()> onInit;
-  std::function<void()> onConnect;  // may throw; runs before the connection is handed out
+  // Run inside the library's calls, which they may make throw.
+  std::function<void()> onInit, onConnect, onDisconnect, onShutdown;
   bool connectReturnsNull = false;
-  std::function<void()> onDisconnect;
-  std::function<void()> onShutdown;
-  // One entry per fetch; a fetch past the end fails with "no more snapshots".
-  std::vector<fake_fetch> fetches;
+  std::vector<fake_fetch> fetches;  // one per fetch; past the end: "no more snapshots"
 
   std::vector<std::string> calls;  // "init vigilo", "connect localhost:15903", "fetch", ...
-  fake_status_log statusLog;       // every snapshot handed out logs here
+  fake_status_log statusLog;       // of every snapshot handed out
   int snapshotsHandedOut = 0;
 };
 
-// The fake that the link-time library uses. Reset it at the start of every test.
+// The one fake of the process; a test starts by resetting it.
 fake_client& fakeClient();
 
 }  // namespace vigilo::test_support

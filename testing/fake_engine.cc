@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -16,23 +17,27 @@ namespace vigilo::test_support {
 
 namespace {
 
-void sendAll(int fd, const std::string& bytes) {
-  std::size_t sent = 0;
-  while (sent < bytes.size()) {
+bool sendAll(int fd, const std::string& bytes) {
+  for (std::size_t sent = 0; sent < bytes.size();) {
     const ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (n <= 0) return;  // the client went away; nothing more to say
+    if (n <= 0) return false;  // the client went away
     sent += static_cast<std::size_t>(n);
   }
+  return true;
 }
+
+struct client {
+  std::string pending;  // bytes of the request being read
+  std::string trickle;
+};
 
 }  // namespace
 
 fake_reply httpReply(int status, const std::string& reason, const std::string& body,
                      const std::string& extraHeaders) {
   return {"HTTP/1.1 " + std::to_string(status) + " " + reason +
-              "\r\nContent-Type: application/json\r\nContent-Length: " +
-              std::to_string(body.size()) + "\r\n" + extraHeaders + "\r\n" + body,
-          false, false};
+          "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+          "\r\n" + extraHeaders + "\r\n" + body};
 }
 
 fake_reply statusReply(const std::vector<std::pair<std::string, std::string>>& pairs) {
@@ -43,39 +48,27 @@ fake_reply statusReply(const std::vector<std::pair<std::string, std::string>>& p
 
 fake_engine::fake_engine(script answer, const std::string& address) : answer(std::move(answer)) {
   const bool v6 = address.find(':') != std::string::npos;
-  listenFd = socket(v6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listenFd < 0) throw std::runtime_error("socket");
   sockaddr_storage storage{};
-  socklen_t length;
-  if (v6) {
-    auto* a = reinterpret_cast<sockaddr_in6*>(&storage);
-    a->sin6_family = AF_INET6;
-    inet_pton(AF_INET6, address.c_str(), &a->sin6_addr);
-    const int only = 1;
-    setsockopt(listenFd, IPPROTO_IPV6, IPV6_V6ONLY, &only, sizeof only);
-    length = sizeof *a;
-  } else {
-    auto* a = reinterpret_cast<sockaddr_in*>(&storage);
-    a->sin_family = AF_INET;
-    inet_pton(AF_INET, address.c_str(), &a->sin_addr);
-    length = sizeof *a;
-  }
+  auto* a4 = reinterpret_cast<sockaddr_in*>(&storage);
+  auto* a6 = reinterpret_cast<sockaddr_in6*>(&storage);
+  socklen_t length = v6 ? sizeof *a6 : sizeof *a4;
+  storage.ss_family = v6 ? AF_INET6 : AF_INET;
+  inet_pton(storage.ss_family, address.c_str(),
+            v6 ? static_cast<void*>(&a6->sin6_addr) : &a4->sin_addr);
+  listenFd = socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  if (v6) setsockopt(listenFd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
   if (bind(listenFd, reinterpret_cast<sockaddr*>(&storage), length) != 0 ||
-      listen(listenFd, 16) != 0) {
-    throw std::runtime_error(std::string("bind/listen: ") + std::strerror(errno));
+      listen(listenFd, 64) != 0 || pipe2(wakeFds, O_CLOEXEC) != 0) {
+    throw std::runtime_error("cannot listen on " + address + ": " + std::strerror(errno));
   }
   getsockname(listenFd, reinterpret_cast<sockaddr*>(&storage), &length);
-  listenPort = ntohs(v6 ? reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port
-                        : reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
-  if (pipe2(wakeFds, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+  listenPort = ntohs(v6 ? a6->sin6_port : a4->sin_port);
   thread = std::thread([this] { run(); });
 }
 
 fake_engine::~fake_engine() {
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    stopping = true;
-  }
+  stopping = true;
   (void)!write(wakeFds[1], "s", 1);
   thread.join();
   close(listenFd);
@@ -84,37 +77,40 @@ fake_engine::~fake_engine() {
 }
 
 void fake_engine::closeConnections() {
-  std::unique_lock<std::mutex> lock(mutex);
-  const int ticket = ++closeRequests;
+  int ticket;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    ticket = ++closeRequests;
+  }
   (void)!write(wakeFds[1], "c", 1);
-  done.wait(lock, [&] { return closesDone >= ticket; });
+  while (closesDone < ticket) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 void fake_engine::run() {
-  std::map<int, std::string> clients;  // fd -> bytes of the request being read
-  for (;;) {
+  std::map<int, client> clients;
+  auto drop = [&clients](int fd) {
+    close(fd);
+    clients.erase(fd);
+  };
+  auto nextTrickle = std::chrono::steady_clock::now();
+  while (!stopping) {
     std::vector<pollfd> fds = {{listenFd, POLLIN, 0}, {wakeFds[0], POLLIN, 0}};
-    for (const auto& [fd, pending] : clients) fds.push_back({fd, POLLIN, 0});
-    if (poll(fds.data(), fds.size(), -1) < 0) continue;
-    if (fds[1].revents) {
+    for (const auto& [fd, c] : clients) fds.push_back({fd, POLLIN, 0});
+    poll(fds.data(), fds.size(), 10);
+    if (fds[1].revents != 0) {
       char c;
       (void)!read(wakeFds[0], &c, 1);
       std::lock_guard<std::mutex> lock(mutex);
-      if (stopping) break;
       if (closesDone < closeRequests) {
-        for (const auto& [fd, pending] : clients) close(fd);
+        for (const auto& [fd, c] : clients) close(fd);
         clients.clear();
         closesDone = closeRequests;
-        done.notify_all();
       }
       continue;
     }
-    if (fds[0].revents) {
+    if (fds[0].revents != 0) {
       const int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd >= 0) {
-        clients[fd];
-        ++accepted;
-      }
+      if (fd >= 0) clients[fd], ++accepted;
     }
     for (std::size_t i = 2; i < fds.size(); ++i) {
       if (fds[i].revents == 0) continue;
@@ -122,31 +118,34 @@ void fake_engine::run() {
       char buffer[4096];
       const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
       if (n <= 0) {
-        close(fd);
-        clients.erase(fd);
+        drop(fd);
         continue;
       }
-      std::string& pending = clients[fd];
+      std::string& pending = clients[fd].pending;
       pending.append(buffer, static_cast<std::size_t>(n));
-      std::size_t end;
-      while ((end = pending.find("\r\n\r\n")) != std::string::npos) {
-        const std::string head = pending.substr(0, end);
+      for (std::size_t end; (end = pending.find("\r\n\r\n")) != std::string::npos;) {
+        // "GET /path HTTP/1.1": the path lies between the first two blanks.
+        const std::size_t start = pending.find(' ') + 1;
+        const std::string path = pending.substr(start, pending.find(' ', start) - start);
         pending.erase(0, end + 4);
-        const auto firstSpace = head.find(' ');
-        const auto secondSpace = head.find(' ', firstSpace + 1);
-        const std::string path = head.substr(firstSpace + 1, secondSpace - firstSpace - 1);
         const fake_reply reply = answer(path, requests++);
         if (reply.silent) continue;
-        sendAll(fd, reply.bytes);
-        if (reply.closeAfter) {
-          close(fd);
-          clients.erase(fd);
+        clients[fd].trickle = reply.trickle;
+        if (!sendAll(fd, reply.bytes) || reply.closeAfter) {
+          drop(fd);
           break;
         }
       }
     }
+    if (std::chrono::steady_clock::now() >= nextTrickle) {
+      nextTrickle = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+      for (auto it = clients.begin(); it != clients.end();) {
+        const int fd = (it++)->first;
+        if (!clients[fd].trickle.empty() && !sendAll(fd, clients[fd].trickle)) drop(fd);
+      }
+    }
   }
-  for (const auto& [fd, pending] : clients) close(fd);
+  for (const auto& [fd, c] : clients) close(fd);
 }
 
 }  // namespace vigilo::test_support

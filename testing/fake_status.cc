@@ -16,8 +16,9 @@ struct fake_status {
 
 fake_status* self(StatusOpaque* status) { return reinterpret_cast<fake_status*>(status); }
 
-const char* handOut(fake_status* s, const std::string& text) {
-  s->handedOut.push_back(text);
+const char* handOut(fake_status* s, const std::optional<std::string>& text) {
+  if (!text) return nullptr;
+  s->handedOut.push_back(*text);
   return s->handedOut.back().c_str();
 }
 
@@ -25,37 +26,31 @@ int getNextStatusPair(StatusOpaque* status, const char** key, const char** value
                       std::uintptr_t* handle) {
   fake_status* s = self(status);
   ++s->log->pairSteps;
-  const std::size_t next = *handle;  // position of the next pair, counted from 1; 0 to start
-  const std::size_t index = next == 0 ? 0 : next - 1;
-  if (index >= s->script.pairs.size()) {
-    if (s->script.endWithEmptyKey) {
-      *key = handOut(s, "");
-      *value = handOut(s, "");
-      *handle = index + 1;
-    } else {
-      *key = *value = nullptr;
-      *handle = 0;
-    }
-    return 0;
+  const std::size_t index = *handle == 0 ? 0 : *handle - 1;  // the handle is the index plus one
+  if (index < s->script.pairs.size()) {
+    *key = handOut(s, s->script.pairs[index].first);
+    *value = handOut(s, s->script.pairs[index].second);
+    *handle = index + 2;
+  } else if (s->script.endWithEmptyKey) {
+    *key = *value = handOut(s, "");
+    *handle = index + 1;
+  } else {
+    *key = *value = nullptr;
+    *handle = 0;
   }
-  const auto& pair = s->script.pairs[index];
-  *key = pair.first ? handOut(s, *pair.first) : nullptr;
-  *value = pair.second ? handOut(s, *pair.second) : nullptr;
-  *handle = index + 2;
-  return 1;
+  return 0;
 }
 
 const char* getStatusString(StatusOpaque* status, const char* key) {
   fake_status* s = self(status);
-  ++s->log->stringLookups[key];
+  ++s->log->lookups;
   const auto found = s->script.strings.find(key);
-  if (found == s->script.strings.end() || !found->second) return nullptr;
-  return handOut(s, *found->second);
+  return found == s->script.strings.end() ? nullptr : handOut(s, found->second);
 }
 
 std::int64_t getStatusInteger(StatusOpaque* status, const char* key) {
   fake_status* s = self(status);
-  ++s->log->integerLookups[key];
+  ++s->log->lookups;
   const auto found = s->script.integers.find(key);
   return found == s->script.integers.end() ? 0 : static_cast<std::int64_t>(found->second);
 }
@@ -77,18 +72,16 @@ const StatusFunctions fakeFunctions = statusFunctionsOf(
 }  // namespace
 
 StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* log) {
-  auto* s = new fake_status{{nullptr, &fakeFunctions}, script, log, {}};
-  return &s->opaque;
+  return &(new fake_status{{nullptr, &fakeFunctions}, script, log, {}})->opaque;
 }
 
-std::vector<std::pair<std::string, std::string>> walkStatus(StatusOpaque* status) {
+std::vector<text_pair> walkStatus(StatusOpaque* status) {
   const auto next =
       reinterpret_cast<getNextStatusPair_fn>(status->functions->entries[getNextStatusPairEntry]);
-  std::vector<std::pair<std::string, std::string>> pairs;
+  std::vector<text_pair> pairs;
   const char* key = nullptr;
   const char* value = nullptr;
-  std::uintptr_t handle = 0;
-  for (;;) {
+  for (std::uintptr_t handle = 0;;) {
     next(status, &key, &value, &handle);
     if (handle == 0 || key == nullptr || value == nullptr || *key == '\0') return pairs;
     pairs.emplace_back(key, value);

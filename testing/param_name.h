@@ -1,5 +1,5 @@
-// Test support: names parameterised test cases after their `name` field, so that ctest lists
-// "Failures/ResponseReaderTest.Reads/truncated_body" instead of an index.
+// Test support: names parameterised cases after their `name` field, so that ctest lists
+// "Failures/ResponseReaderTest.Reads/truncated_body" rather than an index.
 #ifndef VIGILO_TESTING_PARAM_NAME_H_
 #define VIGILO_TESTING_PARAM_NAME_H_
 
@@ -10,15 +10,10 @@
 
 namespace vigilo::test_support {
 
-struct param_name {
-  template <typename Param>
-  std::string operator()(const ::testing::TestParamInfo<Param>& info) const {
-    std::string name;
-    for (const char ch : std::string(info.param.name)) {
-      name += std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
-    }
-    return name;
-  }
+inline constexpr auto paramName = [](const auto& info) {
+  std::string name = info.param.name;
+  for (char& ch : name) ch = std::isalnum(static_cast<unsigned char>(ch)) ? ch : '_';
+  return name;
 };
 
 }  // namespace vigilo::test_support

@@ -1,6 +1,6 @@
-// Test support: runs a real program as a child process with its standard output and error on
-// pipes, so tests can compare whole outputs and exit statuses, wait for output with a bound
-// instead of sleeping, and send real signals.
+// Test support: real programs run as child processes, their standard output and error on pipes,
+// so that tests compare whole outputs and exit statuses, wait for output with a bound instead of
+// sleeping, and send real signals.
 #ifndef VIGILO_TESTING_PROCESS_H_
 #define VIGILO_TESTING_PROCESS_H_
 
@@ -30,48 +30,43 @@ class argument_vector {
   std::vector<char*> pointers;
 };
 
+struct process_options {
+  std::vector<std::string> env;  // "NAME=value", added to or replacing the environment
+  std::string stdoutPath = "";   // stdout to this file instead of a pipe; "-" starts it closed
+};
+
 struct run_result {
   std::string out;
   std::string err;
-  int status = -1;    // exit status, or 128 + signal number when killed by a signal
-  long maxRssKb = 0;  // the child's peak resident memory
+  int status = -1;    // exit status, or 128 + the signal that ended it
+  long maxRssKb = 0;  // peak resident memory
 };
 
 class child_process {
  public:
-  struct options {
-    std::vector<std::string> env;  // "NAME=value" entries added to (or replacing) the environment
-    std::string stdoutPath;        // when set, stdout goes to this file instead of a pipe
-  };
-
-  // Starts argv[0] (a path) with argv. Fails the test if it cannot be started.
-  explicit child_process(const std::vector<std::string>& argv, const options& opts);
-  explicit child_process(const std::vector<std::string>& argv) : child_process(argv, options{}) {}
+  // Starts argv[0] (a path) with default signal dispositions; throws when it cannot.
+  explicit child_process(const std::vector<std::string>& argv, const process_options& options = {});
   ~child_process();  // kills the child if it still runs
   child_process(const child_process&) = delete;
   child_process& operator=(const child_process&) = delete;
 
   pid_t pid() const { return child; }
+  const std::string& out() const { return outText; }
+  const std::string& err() const { return errText; }
 
-  // Reads output until `done(out, err)` holds or `timeout` passes; returns whether it held.
+  // Reads output until done(out, err) holds; false when `timeout` passes first.
   bool waitFor(const std::function<bool(const std::string& out, const std::string& err)>& done,
                std::chrono::milliseconds timeout);
-  bool waitForErr(const std::string& text, std::chrono::milliseconds timeout);
   bool waitForOut(const std::string& text, std::chrono::milliseconds timeout);
-
-  // Waits until the child's main thread sleeps, as /proc shows its state; false after
-  // `timeout`. Once vigilo has written a poll, that is the wait before the next one.
+  // Waits until the child's main thread sleeps, as /proc shows its state. Once vigilo has written
+  // a poll, that is the wait before the next one.
   bool waitUntilSleeping(std::chrono::milliseconds timeout);
 
   void signal(int sig);
-  // Closes our end of the child's stdout pipe, as a reader that goes away would.
+  // Closes our end of the child's stdout, as a reader that goes away does.
   void closeStdout();
-
-  // Reads the rest of the output and waits for the exit; kills the child after `timeout`.
+  // Reads the rest of the output and reaps the child, killing it after `timeout`.
   run_result finish(std::chrono::milliseconds timeout = std::chrono::seconds(20));
-
-  const std::string& out() const { return outText; }
-  const std::string& err() const { return errText; }
 
  private:
   void pump(int timeoutMs);
@@ -83,9 +78,22 @@ class child_process {
   std::string errText;
 };
 
-// Runs a program to its end and returns what it wrote and its status.
-run_result runProcess(const std::vector<std::string>& argv, const child_process::options& opts = {},
+run_result runProcess(const std::vector<std::string>& argv, const process_options& options = {},
                       std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+// The ovengine at `binary`, started with --port 0 and `extra` on 127.0.0.1; the constructor
+// returns once it names its port (10 s at most, else it throws).
+class engine_process : public child_process {
+ public:
+  explicit engine_process(const std::string& binary, const std::vector<std::string>& extra = {});
+  unsigned short port() const { return listenPort; }
+
+ private:
+  unsigned short listenPort = 0;
+};
+
+// A port of 127.0.0.1 that was free a moment ago, so that a connection to it is refused.
+unsigned short closedLoopbackPort();
 
 }  // namespace vigilo::test_support
 

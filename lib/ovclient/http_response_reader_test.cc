@@ -30,7 +30,7 @@ TEST_P(ResponseReaderTest, Reads) {
   const reader_case& c = GetParam();
   for (const bool byteByByte : {false, true}) {
     SCOPED_TRACE(byteByByte ? "byte by byte" : "whole");
-    http_response_reader reader(64, 32);
+    http_response_reader reader(96, 32);
     if (byteByByte) {
       for (const char ch : c.bytes) reader.feed(std::string_view(&ch, 1));
     } else {
@@ -76,6 +76,11 @@ INSTANTIATE_TEST_SUITE_P(
                     "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
                     "A\r\n0123456789\r\n0\r\n\r\n",
                     false, state::complete, 200, "0123456789", true},
+        // Chunked framing wins over a Content-Length, in either order.
+        reader_case{"chunked and length",
+                    "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n"
+                    "5\r\nhello\r\n0\r\n\r\n",
+                    false, state::complete, 200, "hello", true},
         reader_case{"read to close", "HTTP/1.1 200 OK\r\n\r\nuntil the end", true, state::complete,
                     200, "until the end", false},
         reader_case{"error status has a body",
@@ -90,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
                     false, state::complete, 200, "x", false},
         reader_case{"waiting for more", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhel", false,
                     state::reading}),
-    vigilo::test_support::param_name());
+    vigilo::test_support::paramName);
 
 INSTANTIATE_TEST_SUITE_P(
     Failures, ResponseReaderTest,
@@ -111,8 +116,8 @@ INSTANTIATE_TEST_SUITE_P(
                     "malformed status line \"HTTP/1.1 2x0 OK\""},
         reader_case{"header without colon", "HTTP/1.1 200 OK\r\nbroken\r\n", false, state::failed,
                     0, "", false, "malformed header line \"broken\""},
-        reader_case{"headers over the limit", "HTTP/1.1 200 OK\r\nX: " + std::string(60, 'a'),
-                    false, state::failed, 0, "", false, "response headers exceed 64 bytes"},
+        reader_case{"headers over the limit", "HTTP/1.1 200 OK\r\nX: " + std::string(90, 'a'),
+                    false, state::failed, 0, "", false, "response headers exceed 96 bytes"},
         reader_case{"length over the limit", "HTTP/1.1 200 OK\r\nContent-Length: 33\r\n\r\n", false,
                     state::failed, 0, "", false, "response body of 33 bytes exceeds 32 bytes"},
         reader_case{"bad length", "HTTP/1.1 200 OK\r\nContent-Length: 1x\r\n\r\n", false,
@@ -138,7 +143,7 @@ INSTANTIATE_TEST_SUITE_P(
                     false, "response body exceeds 32 bytes"},
         reader_case{"unknown coding", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\n", false,
                     state::failed, 0, "", false, "unsupported Transfer-Encoding \"gzip\""}),
-    vigilo::test_support::param_name());
+    vigilo::test_support::paramName);
 
 }  // namespace
 }  // namespace com::orvex::client

@@ -44,7 +44,7 @@ INSTANTIATE_TEST_SUITE_P(
                       R"({"status": [["k\n", "caf\u00e9 \"q\""]]})",
                       {{"k\n", "caf\xc3\xa9 \"q\""}}},
         document_case{"empty strings", R"({"status": [["", ""]]})", {{"", ""}}}),
-    vigilo::test_support::param_name());
+    vigilo::test_support::paramName);
 
 INSTANTIATE_TEST_SUITE_P(
     Malformed, StatusDocumentTest,
@@ -102,7 +102,7 @@ INSTANTIATE_TEST_SUITE_P(
                       {},
                       "parse error at line 1, column 20: syntax error while parsing value - "
                       "invalid string: ill-formed UTF-8 byte; last read: '\"\xff'"}),
-    vigilo::test_support::param_name());
+    vigilo::test_support::paramName);
 
 TEST(StatusDocumentTest, PairCountIsBounded) {
   std::string document = "{\"status\": [";
