@@ -26,6 +26,22 @@ namespace {
 
 std::string userAgent = "ovclient";
 
+// Error texts carry excerpts of what the engine sent (a status line, a reason, a piece of the
+// document) and end up on a terminal: control bytes are shown escaped ("\x1b"), not sent.
+std::string printable(const std::string& text) {
+  std::string shown;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      shown += c;
+    } else {
+      static const char digits[] = "0123456789abcdef";
+      shown += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+    }
+  }
+  return shown;
+}
+
 std::string answered(const std::string& path, const client::http_response& r) {
   return "GET " + path + " answered " + std::to_string(r.status) +
          (r.reason.empty() ? "" : " " + r.reason);
@@ -61,8 +77,8 @@ EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short po
     const client::http_response pong = management->connection.get("/ping");
     if (pong.status / 100 != 2) throw std::runtime_error(answered("/ping", pong));
   } catch (const std::exception& e) {
-    throw EngineException("Could not connect to engine at " + management->connection.where() +
-                          ": " + e.what());
+    throw EngineException(printable("Could not connect to engine at " +
+                                    management->connection.where() + ": " + e.what()));
   }
   logLine(LogLevel::info, "connected to engine at " + management->connection.where());
   return management.release();
@@ -86,7 +102,7 @@ extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* mana
   try {
     const http_response response = management->connection.get("/status");
     if (logEnabled(LogLevel::debug)) {
-      logLine(LogLevel::debug, answered("/status", response) + ", " +
+      logLine(LogLevel::debug, printable(answered("/status", response)) + ", " +
                                    std::to_string(response.body.size()) + " bytes");
     }
     if (response.status / 100 != 2) throw std::runtime_error(answered("/status", response));
@@ -97,8 +113,8 @@ extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* mana
     }
     return newClientStatus(std::move(pairs));
   } catch (const std::exception& e) {
-    const std::string text =
-        "Status request to engine at " + management->connection.where() + " failed: " + e.what();
+    const std::string text = printable("Status request to engine at " +
+                                       management->connection.where() + " failed: " + e.what());
     *error = strdup(text.c_str());
     return nullptr;
   }

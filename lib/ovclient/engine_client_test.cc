@@ -149,6 +149,9 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         failure_case{"not_found", httpReply(404, "Not Found", "no such thing"),
                      "GET /status answered 404 Not Found"},
+        // The engine's bytes are shown, its control bytes escaped.
+        failure_case{"reason_with_control_bytes", httpReply(500, "\x1b[2JOops\x7f", ""),
+                     "GET /status answered 500 \\x1b[2JOops\\x7f"},
         failure_case{"malformed", httpReply(200, "OK", "{\"status\": [[\"a\", 1]]}"),
                      "malformed status document: found a number where a string belongs at "
                      "status[0][1]"},
@@ -159,7 +162,12 @@ INSTANTIATE_TEST_SUITE_P(
         failure_case{"headers_over_limit",
                      {"HTTP/1.1 200 OK\r\nX-Filler: " + std::string(70000, 'x') + "\r\n\r\n"},
                      "GET /status: response headers exceed 65536 bytes"},
-        failure_case{"never_answers", {"", false, true}, "GET /status timed out after 300 ms"}),
+        failure_case{"never_answers", {"", false, true}, "GET /status timed out after 300 ms"},
+        // The limit holds while bytes keep coming.
+        failure_case{"endless_trailers",
+                     {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n", false, false,
+                      "X-Trailer: more\r\n"},
+                     "GET /status timed out after 300 ms"}),
     vigilo::test_support::paramName);
 
 TEST_F(EngineClientTest, ConnectFailuresNameHostPortAndCause) {

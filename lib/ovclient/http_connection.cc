@@ -9,17 +9,19 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
 
 #include "http_response_reader.h"
 
 namespace com::orvex::client {
 
 namespace {
-
-using clock_type = std::chrono::steady_clock;
 
 int positiveFromEnvironment(const char* name, int fallback) {
   const char* text = std::getenv(name);
@@ -43,15 +45,65 @@ std::string whereOf(const std::string& host, unsigned short port) {
   return (ipv6Literal ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
-// Waits until `fd` is ready for `events` or the deadline passes; false on time-out.
+// Waits until `fd` is ready for `events`; false once the deadline has passed, however many bytes
+// keep arriving before it.
 bool waitFor(int fd, short events, clock_type::time_point deadline) {
   for (;;) {
+    if (clock_type::now() >= deadline) return false;
     pollfd p{fd, events, 0};
     const int ready = poll(&p, 1, msLeft(deadline));
     if (ready > 0) return true;
-    if (ready == 0) return false;
-    if (errno != EINTR) return true;  // let the next call report the error
+    if (ready < 0 && errno != EINTR) return true;  // let the next call report the error
   }
+}
+
+// The resolver's answer, shared with the thread that waits for it, which may outlive the wait.
+struct resolution {
+  std::mutex mutex;
+  std::condition_variable done;
+  bool finished = false;
+  int rc = 0;
+  int error = 0;
+  addrinfo* found = nullptr;
+  ~resolution() {
+    if (found != nullptr) freeaddrinfo(found);
+  }
+};
+
+// Every address of host:port, within the deadline: a name server may take longer than the
+// connect limit allows, so a name is resolved on a thread of its own and given up on at the
+// deadline. A numeric address needs no resolver.
+std::shared_ptr<resolution> resolve(const std::string& host, unsigned short port,
+                                    clock_type::time_point deadline) {
+  auto answer = std::make_shared<resolution>();
+  const std::string service = std::to_string(port);
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICHOST;
+  if (getaddrinfo(host.c_str(), service.c_str(), &hints, &answer->found) == 0) return answer;
+  answer->found = nullptr;
+  std::thread([answer, host, service, hints]() mutable {
+    hints.ai_flags = 0;
+    addrinfo* found = nullptr;
+    const int rc = getaddrinfo(host.c_str(), service.c_str(), &hints, &found);
+    const int error = errno;
+    std::lock_guard<std::mutex> lock(answer->mutex);
+    answer->rc = rc;
+    answer->error = error;
+    answer->found = found;
+    answer->finished = true;
+    answer->done.notify_one();
+  }).detach();
+  std::unique_lock<std::mutex> lock(answer->mutex);
+  if (!answer->done.wait_until(lock, deadline, [&] { return answer->finished; })) {
+    return nullptr;
+  }
+  if (answer->rc != 0) {
+    throw std::runtime_error(answer->rc == EAI_SYSTEM ? std::strerror(answer->error)
+                                                      : gai_strerror(answer->rc));
+  }
+  return answer;
 }
 
 }  // namespace
@@ -89,48 +141,40 @@ void http_connection::closeSocket() {
 void http_connection::open() {
   if (fd >= 0) return;
   const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts.connectMs);
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  const std::string service = std::to_string(port);
-  const int rc = getaddrinfo(host.c_str(), service.c_str(), &hints, &found);
-  if (rc != 0) {
-    throw std::runtime_error(rc == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(rc));
-  }
+  const std::shared_ptr<resolution> addresses = resolve(host, port, deadline);
+  if (addresses == nullptr) throw std::runtime_error(timedOut(timeouts.connectMs));
+  int left = 0;
+  for (addrinfo* a = addresses->found; a != nullptr; a = a->ai_next) ++left;
   std::string cause = "no address";
-  for (addrinfo* a = found; a != nullptr; a = a->ai_next) {
+  for (addrinfo* a = addresses->found; a != nullptr && fd < 0; a = a->ai_next, --left) {
+    // Each address gets its share of the time that is left, so that one that never answers
+    // leaves time for the next.
+    const auto now = clock_type::now();
+    if (now >= deadline) break;
+    const auto until = now + (deadline - now) / left;
     const int candidate =
         socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
-    if (candidate < 0) {
-      cause = std::strerror(errno);
-      continue;
-    }
-    int error = 0;
-    if (connect(candidate, a->ai_addr, a->ai_addrlen) != 0) {
+    int error = candidate < 0 ? errno : 0;
+    if (candidate >= 0 && connect(candidate, a->ai_addr, a->ai_addrlen) != 0) {
       error = errno;
       if (error == EINPROGRESS) {
-        if (!waitFor(candidate, POLLOUT, deadline)) {
-          close(candidate);
-          cause = timedOut(timeouts.connectMs);
-          break;
+        error = ETIMEDOUT;
+        if (waitFor(candidate, POLLOUT, until)) {
+          socklen_t length = sizeof error;
+          getsockopt(candidate, SOL_SOCKET, SO_ERROR, &error, &length);
         }
-        socklen_t length = sizeof error;
-        getsockopt(candidate, SOL_SOCKET, SO_ERROR, &error, &length);
       }
     }
     if (error != 0) {
-      cause = std::strerror(error);
-      close(candidate);
+      cause = error == ETIMEDOUT ? timedOut(timeouts.connectMs) : std::strerror(error);
+      if (candidate >= 0) close(candidate);
       continue;
     }
     // A request goes out in one piece; without this, a reply can wait on a delayed ACK.
     const int one = 1;
     setsockopt(candidate, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     fd = candidate;
-    break;
   }
-  freeaddrinfo(found);
   if (fd < 0) throw std::runtime_error(cause);
 }
 
@@ -141,9 +185,9 @@ bool http_connection::peerClosed() const {
   return poll(&p, 1, 0) != 0;
 }
 
-http_connection::exchange_result http_connection::exchange(const std::string& path) {
+http_connection::exchange_result http_connection::exchange(const std::string& path,
+                                                           clock_type::time_point deadline) {
   exchange_result result;
-  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts.responseMs);
   const std::string request = "GET " + path + " HTTP/1.1\r\nHost: " + location +
                               "\r\nUser-Agent: " + userAgent +
                               "\r\nAccept: application/json\r\n\r\n";
@@ -196,6 +240,8 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
 }
 
 http_response http_connection::get(const std::string& path) {
+  // One limit for the whole response, a request sent once more included.
+  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts.responseMs);
   for (int attempt = 0;; ++attempt) {
     bool reused = fd >= 0;
     if (reused && peerClosed()) {
@@ -203,7 +249,7 @@ http_response http_connection::get(const std::string& path) {
       reused = false;
     }
     open();
-    exchange_result r = exchange(path);
+    exchange_result r = exchange(path, deadline);
     if (r.ok) return std::move(r.response);
     closeSocket();
     // The engine may close a kept-alive connection just as a request goes out: that request got

@@ -1,14 +1,17 @@
 // One kept-alive HTTP/1.1 connection to the engine, for GET requests only. It resolves the host
 // to every address getaddrinfo gives (IPv6 and IPv4, in order) and connects to the first that
-// answers, under a connect time-out; each response must arrive whole within the response
-// time-out. A connection that the engine closed while idle is re-opened once, transparently.
-// Not thread-safe: one user at a time.
+// answers; resolving and connecting share one deadline. Each response must arrive whole before
+// its own deadline, however the bytes trickle in. A connection that the engine closed while idle
+// is re-opened once, transparently. Not thread-safe: one user at a time.
 #ifndef VIGILO_LIB_OVCLIENT_HTTP_CONNECTION_H_
 #define VIGILO_LIB_OVCLIENT_HTTP_CONNECTION_H_
 
+#include <chrono>
 #include <string>
 
 namespace com::orvex::client {
+
+using clock_type = std::chrono::steady_clock;
 
 struct client_timeouts {
   int connectMs = 5000;
@@ -44,7 +47,7 @@ class http_connection {
 
  private:
   struct exchange_result;
-  exchange_result exchange(const std::string& path);
+  exchange_result exchange(const std::string& path, clock_type::time_point deadline);
   bool peerClosed() const;
   void closeSocket();
 

@@ -52,7 +52,8 @@ http_response_reader::state http_response_reader::fail(std::string why) {
 bool http_response_reader::takeLine(std::string_view& bytes, std::string& line) {
   const auto lf = bytes.find('\n');
   const std::size_t take = lf == std::string_view::npos ? bytes.size() : lf + 1;
-  const bool inHead = at == phase::statusLine || at == phase::headers;
+  // Interim responses, the head and the trailers share the header limit.
+  const bool inHead = at == phase::statusLine || at == phase::headers || at == phase::trailers;
   const std::size_t limit = inHead ? headerLimit : chunkLineLimit;
   const std::size_t used = inHead ? headerBytes : partialLine.size();
   if (used + take > limit) {
@@ -135,6 +136,14 @@ http_response_reader::state http_response_reader::headerLine(const std::string& 
 }
 
 http_response_reader::state http_response_reader::headersDone() {
+  if (code >= 100 && code < 200 && code != 101) {
+    // An interim response ("100 Continue"): the answer is still to come.
+    code = 0;
+    reasonPhrase.clear();
+    chunked = hasLength = sawConnectionHeader = false;
+    at = phase::statusLine;
+    return progress;
+  }
   if (code < 200 || code == 204 || code == 304) {
     at = phase::done;
     return progress = state::complete;

@@ -76,7 +76,14 @@ INSTANTIATE_TEST_SUITE_P(
                     "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
                     "A\r\n0123456789\r\n0\r\n\r\n",
                     false, state::complete, 200, "0123456789", true},
-        // Chunked framing wins over a Content-Length, in either order.
+        // Interim responses come before the answer; 101 is an answer of its own.
+        reader_case{"interim responses",
+                    "HTTP/1.1 100 \r\n\r\nHTTP/1.1 103 \r\nL: x\r\n\r\n"
+                    "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
+                    false, state::complete, 200, "ok", true},
+        reader_case{"switching protocols", "HTTP/1.1 101 Switching Protocols\r\n\r\n", false,
+                    state::complete, 101, "", true},
+        // Chunked framing wins over a Content-Length.
         reader_case{"chunked and length",
                     "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n"
                     "5\r\nhello\r\n0\r\n\r\n",
@@ -141,6 +148,10 @@ INSTANTIATE_TEST_SUITE_P(
         reader_case{"read to close over the limit",
                     "HTTP/1.1 200 OK\r\n\r\n" + std::string(33, 'b'), false, state::failed, 0, "",
                     false, "response body exceeds 32 bytes"},
+        reader_case{"endless trailers",
+                    "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n" +
+                        std::string(60, 'x') + "\r\n" + std::string(60, 'x') + "\r\n",
+                    false, state::failed, 0, "", false, "response headers exceed 96 bytes"},
         reader_case{"unknown coding", "HTTP/1.1 200 OK\r\nTransfer-Encoding: gzip\r\n\r\n", false,
                     state::failed, 0, "", false, "unsupported Transfer-Encoding \"gzip\""}),
     vigilo::test_support::paramName);

@@ -118,15 +118,17 @@ TEST(VigiloTest, FileIsTruncatedAndHoldsThePoll) {
 }
 
 // Output that can no longer be written ends the watch with status 0: a full device as the file
-// or as stdout, and a reader that goes away.
+// or as stdout, a stdout closed from the start, and a reader that goes away.
 TEST(VigiloTest, FailedWritesEndTheWatch) {
   scripted_engine engine;
   const auto asFile = runProcess(vigilo(engine.port(), {"-r", "-f", "/dev/full"}));
   EXPECT_EQ(asFile.status, 0);
   EXPECT_EQ(asFile.err, failedWrite);
-  const auto asStdout = runProcess(vigilo(engine.port(), {"-o"}), {{}, "/dev/full"});
-  EXPECT_EQ(asStdout.status, 0);
-  EXPECT_EQ(asStdout.err, "Failed to write status to output.\n");
+  for (const char* stdoutPath : {"/dev/full", "-"}) {
+    const auto asStdout = runProcess(vigilo(engine.port(), {"-o", "-r"}), {{}, stdoutPath});
+    EXPECT_EQ(asStdout.status, 0) << stdoutPath;
+    EXPECT_EQ(asStdout.err, "Failed to write status to output.\n") << stdoutPath;
+  }
   child_process watch(vigilo(engine.port(), {"-r", "-i", "0"}));
   ASSERT_TRUE(watch.waitForOut("\n", bound));
   watch.closeStdout();

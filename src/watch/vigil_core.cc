@@ -65,7 +65,8 @@ void vigil_core::pollForStatus() {
   try {
     if (raw_header && raw) writeHeading();
     rate_base rate;
-    for (std::int32_t polls = 1;; ++polls) {
+    // Polls are counted only against a limit, so a watch without one runs for ever.
+    for (std::int32_t polls = 0;;) {
       // Held until after the wait that follows its poll.
       const EngineStatus status = getEngineStatus(management);
       writePoll(status, rate);
@@ -73,7 +74,7 @@ void vigil_core::pollForStatus() {
         std::cerr << "Failed to write status to output." << std::endl;
         break;
       }
-      if (numLoops > 0 && polls >= numLoops) break;
+      if (numLoops > 0 && ++polls >= numLoops) break;
       if (waitOrStop(sync)) break;
     }
   } catch (...) {
