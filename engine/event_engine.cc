@@ -1,7 +1,11 @@
 #include "event_engine.h"
 
 #include <algorithm>
+#include <cctype>
 #include <functional>
+#include <nlohmann/json.hpp>
+
+#include "engine_limits.h"
 
 namespace ovengine {
 
@@ -38,22 +42,27 @@ event_engine::~event_engine() {
   }
   routerWake.notify_all();
   senderWake.notify_all();
-  spaceFreed.notify_all();
   for (auto& c : contexts) c->wake.notify_all();
   router.join();
   sender.join();
   for (auto& c : contexts) c->thread.join();
 }
 
-bool event_engine::submit(std::vector<event> events, bool waitForSpace) {
-  std::unique_lock<std::mutex> lock(mutex);
-  const auto fits = [&] { return input.size() + events.size() <= inputCapacity; };
-  if (waitForSpace) spaceFreed.wait(lock, [&] { return stopping || fits(); });
-  if (stopping || !fits()) return false;
+submit_result event_engine::submit(std::vector<event> events) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (stopping || received - sent + events.size() > limits::eventsInFlight) {
+    return submit_result::busy;
+  }
+  std::set<std::string> newTypes;
+  for (const event& e : events) {
+    if (types.count(e.type) == 0) newTypes.insert(e.type);
+  }
+  if (types.size() + newTypes.size() > limits::eventTypes) return submit_result::tooManyTypes;
+  types.merge(newTypes);
   for (auto& e : events) input.push_back(std::move(e));
   received += events.size();
   routerWake.notify_one();
-  return true;
+  return submit_result::accepted;
 }
 
 void event_engine::routeEvents() {
@@ -68,7 +77,6 @@ void event_engine::routeEvents() {
       input.pop_front();
     }
     routing = batch.size();
-    spaceFreed.notify_all();
     for (auto& e : batch) {
       lock.unlock();
       context& target = *contexts[hash(e.type) % contexts.size()];
@@ -93,7 +101,6 @@ void event_engine::processEvents(context& self) {
     const std::uint64_t d = digest(e);
     event out{"Processed", e.type + "," + std::to_string(d)};
     lock.lock();
-    types.insert(e.type);
     ++processed;
     ++emitted;
     output.push_back(std::move(out));
@@ -166,15 +173,30 @@ status_pairs event_engine::snapshot() const {
   return pairs;
 }
 
-void event_engine::setUserStatus(const std::string& key, const std::string& value) {
+user_status_result event_engine::setUserStatus(const std::string& key, const std::string& value) {
+  const bool keyValid =
+      !key.empty() && key.size() <= limits::userKeyLength &&
+      std::all_of(key.begin(), key.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.';
+      });
+  if (!keyValid) return user_status_result::badKey;
+  // The status document must always serialise: its JSON carries only UTF-8.
+  try {
+    (void)nlohmann::json(value).dump();
+  } catch (const nlohmann::json::type_error&) {
+    return user_status_result::badValue;
+  }
+  if (value.size() > limits::userValueLength) return user_status_result::badValue;
   std::lock_guard<std::mutex> lock(mutex);
   for (auto& [k, v] : userValues) {
     if (k == key) {
       v = value;
-      return;
+      return user_status_result::set;
     }
   }
+  if (userValues.size() == limits::userValues) return user_status_result::full;
   userValues.emplace_back(key, value);
+  return user_status_result::set;
 }
 
 bool event_engine::removeUserStatus(const std::string& key) {

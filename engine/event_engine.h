@@ -2,10 +2,12 @@
 // each to the context that owns its type, every context is a thread with its own input queue that
 // processes events and emits one output event each, and a sender thread delivers output events to
 // the engine's one receiver. One lock guards every queue and counter, so a snapshot is consistent:
-// nothing is counted twice and nothing is processed before it was received.
+// nothing is counted twice and nothing is processed before it was received. The events in flight
+// are bounded as a whole, so no queue can grow past that bound.
 #ifndef VIGILO_ENGINE_EVENT_ENGINE_H_
 #define VIGILO_ENGINE_EVENT_ENGINE_H_
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -27,10 +29,11 @@ struct event {
 
 using status_pairs = std::vector<std::pair<std::string, std::string>>;
 
+enum class submit_result { accepted, busy, tooManyTypes };
+enum class user_status_result { set, badKey, badValue, full };
+
 class event_engine {
  public:
-  static constexpr std::size_t inputCapacity = 1'000'000;
-
   // Starts the router, `contextCount` context threads and the sender.
   explicit event_engine(int contextCount);
   // Stops and joins every thread; queued events are dropped.
@@ -38,16 +41,19 @@ class event_engine {
   event_engine(const event_engine&) = delete;
   event_engine& operator=(const event_engine&) = delete;
 
-  // Queues events for processing. False, with nothing queued, when the input queue cannot take
-  // them all, or, with `waitForSpace` (the load generator), once the engine stops; until then
-  // it waits for room. Thread-safe.
-  bool submit(std::vector<event> events, bool waitForSpace = false);
+  // Queues all the events for processing, or none of them: `busy` when the events in flight
+  // would pass their bound, `tooManyTypes` when their types would. Thread-safe.
+  submit_result submit(std::vector<event> events);
+  // Events that the load generator could not submit.
+  void countDropped(std::uint64_t events) { dropped += events; }
+  std::uint64_t droppedEvents() const { return dropped; }
 
   // Every standard status value, then "user-KEY" for each user value in the order set.
   status_pairs snapshot() const;
 
-  // Sets a user value; an existing key keeps its place. Thread-safe.
-  void setUserStatus(const std::string& key, const std::string& value);
+  // Sets a user value: a key of letters, digits, '_', '-' and '.', and UTF-8 text. An existing key
+  // keeps its place. Thread-safe.
+  user_status_result setUserStatus(const std::string& key, const std::string& value);
   // False when the key is not set.
   bool removeUserStatus(const std::string& key);
 
@@ -69,7 +75,6 @@ class event_engine {
   mutable std::mutex mutex;
   std::condition_variable routerWake;
   std::condition_variable senderWake;
-  std::condition_variable spaceFreed;
   bool stopping = false;
 
   std::deque<event> input;
@@ -84,6 +89,7 @@ class event_engine {
   std::uint64_t processed = 0;
   std::uint64_t emitted = 0;
   std::uint64_t sent = 0;
+  std::atomic<std::uint64_t> dropped{0};
 
   std::thread router;
   std::thread sender;

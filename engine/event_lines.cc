@@ -2,6 +2,8 @@
 
 #include <cctype>
 
+#include "engine_limits.h"
+
 namespace ovengine {
 
 namespace {
@@ -26,8 +28,12 @@ bool parseEventLines(std::string_view body, std::vector<event>& events, std::str
     bool ok =
         open != std::string_view::npos && open > 0 && line.back() == ')' && typeStart(line[0]);
     for (std::size_t i = 1; ok && i < open; ++i) ok = typeChar(line[i]);
-    if (!ok) {
-      error = "line " + std::to_string(number) + ": expected Type(fields)";
+    const char* why = !ok                                             ? "expected Type(fields)"
+                      : open > limits::typeLength                     ? "event type too long"
+                      : line.size() - open - 2 > limits::fieldsLength ? "fields too long"
+                                                                      : nullptr;
+    if (why != nullptr) {
+      error = "line " + std::to_string(number) + ": " + why;
       return false;
     }
     events.push_back({std::string(line.substr(0, open)),

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "engine_limits.h"
 #include "event_lines.h"
 
 namespace ovengine {
@@ -11,21 +12,7 @@ namespace ovengine {
 namespace {
 
 using json = nlohmann::json;
-
-void reply(httplib::Response& res, int status, const std::string& text) {
-  res.status = status;
-  res.set_content(text + "\n", "text/plain");
-}
-
-bool validUserKey(const std::string& key) {
-  if (key.empty() || key.size() > 128) return false;
-  for (const char c : key) {
-    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_' && c != '-' && c != '.') {
-      return false;
-    }
-  }
-  return true;
-}
+using ovhttp::reply;
 
 // Known paths answer every other method with 405 and the methods they allow.
 void allowOnly(httplib::Server& server, const std::string& pattern, const std::string& allow) {
@@ -42,17 +29,27 @@ void allowOnly(httplib::Server& server, const std::string& pattern, const std::s
 
 }  // namespace
 
-void configureServer(httplib::Server& server) {
-  // A poller sends one small request after another on one connection: without TCP_NODELAY each
-  // reply waits on a delayed ACK, and the default request count per connection is tiny.
-  server.set_tcp_nodelay(true);
-  server.set_keep_alive_max_count(1'000'000'000);
-  server.set_keep_alive_timeout(30);
-  server.set_payload_max_length(maxRequestBody);
-  server.new_task_queue = [] { return new httplib::ThreadPool(16); };
+ovhttp::server_limits serverLimits() {
+  ovhttp::server_limits limits;
+  limits.maxBodyBytes = limits::requestBody;
+  return limits;
 }
 
-void installRoutes(httplib::Server& server, event_engine& engine, int port) {
+const char* describe(user_status_result refusal) {
+  switch (refusal) {
+    case user_status_result::badKey:
+      return "user status key must be 1 to 128 of A-Z a-z 0-9 _ - .";
+    case user_status_result::badValue:
+      return "user status value must be UTF-8 text of at most 4096 bytes";
+    case user_status_result::full:
+      return "at most 100 user status values";
+    case user_status_result::set:
+      break;
+  }
+  return "set";
+}
+
+void installRoutes(ovhttp::bounded_server& server, event_engine& engine, int port) {
   server.Get("/ping",
              [](const httplib::Request&, httplib::Response& res) { reply(res, 200, "pong"); });
   server.Get("/info", [&engine, port](const httplib::Request&, httplib::Response& res) {
@@ -60,40 +57,55 @@ void installRoutes(httplib::Server& server, event_engine& engine, int port) {
                        {"version", "1.0.0"},
                        {"port", port},
                        {"pid", static_cast<long>(getpid())},
-                       {"uptime", engine.uptimeMs()}};
+                       {"uptime", engine.uptimeMs()},
+                       {"dropped", engine.droppedEvents()}};
     res.set_content(info.dump() + "\n", "application/json");
   });
   server.Get("/status", [&engine](const httplib::Request&, httplib::Response& res) {
     json pairs = json::array();
     for (auto& [key, value] : engine.snapshot()) pairs.push_back({key, value});
-    res.set_content(json{{"status", std::move(pairs)}}.dump(), "application/json");
+    // Every text was checked on the way in; replacing what cannot be encoded keeps the document
+    // servable whatever happens.
+    res.set_content(
+        json{{"status", std::move(pairs)}}.dump(-1, ' ', false, json::error_handler_t::replace),
+        "application/json");
   });
-  server.Post("/events", [&engine](const httplib::Request& req, httplib::Response& res) {
+  server.Post("/events", [&engine](const httplib::Request&, httplib::Response& res,
+                                   const httplib::ContentReader& reader) {
+    std::string body;
+    if (!ovhttp::readBody(reader, limits::requestBody, body, res)) return;
     std::vector<event> events;
     std::string error;
-    if (!parseEventLines(req.body, events, error)) return reply(res, 400, error);
+    if (!parseEventLines(body, events, error)) return reply(res, 400, error);
     const std::size_t count = events.size();
-    if (!engine.submit(std::move(events))) return reply(res, 503, "input queue full");
-    reply(res, 200, "accepted " + std::to_string(count) + " events");
+    switch (engine.submit(std::move(events))) {
+      case submit_result::busy:
+        res.set_header("Retry-After", "1");
+        return reply(
+            res, 503,
+            "engine busy: " + std::to_string(limits::eventsInFlight) + " events in flight");
+      case submit_result::tooManyTypes:
+        return reply(res, 400, "more than " + std::to_string(limits::eventTypes) + " event types");
+      case submit_result::accepted:
+        return reply(res, 200, "accepted " + std::to_string(count) + " events");
+    }
   });
-  server.Put(
-      R"(/status/user/([^/]*))", [&engine](const httplib::Request& req, httplib::Response& res) {
-        const std::string key = req.matches[1];
-        if (!validUserKey(key)) {
-          return reply(res, 400, "user status key must be 1 to 128 of A-Z a-z 0-9 _ - .");
-        }
-        if (req.body.size() > maxUserValue) {
-          return reply(res, 413,
-                       "user status value exceeds " + std::to_string(maxUserValue) + " bytes");
-        }
-        engine.setUserStatus(key, req.body);
-        reply(res, 200, "user-" + key + " set");
-      });
+  server.Put(R"(/status/user/([^/]*))",
+             [&engine](const httplib::Request& req, httplib::Response& res,
+                       const httplib::ContentReader& reader) {
+               std::string value;
+               if (!ovhttp::readBody(reader, limits::userValueLength, value, res)) return;
+               const std::string key = req.matches[1];
+               const user_status_result result = engine.setUserStatus(key, value);
+               if (result != user_status_result::set) return reply(res, 400, describe(result));
+               reply(res, 200, "user-" + key + " set");
+             });
   server.Delete(R"(/status/user/([^/]*))",
                 [&engine](const httplib::Request& req, httplib::Response& res) {
                   const std::string key = req.matches[1];
-                  if (!engine.removeUserStatus(key))
+                  if (!engine.removeUserStatus(key)) {
                     return reply(res, 404, "no user status " + key);
+                  }
                   reply(res, 200, "user-" + key + " removed");
                 });
 
@@ -103,16 +115,11 @@ void installRoutes(httplib::Server& server, event_engine& engine, int port) {
   allowOnly(server, "/events", "POST");
   allowOnly(server, R"(/status/user/([^/]*))", "PUT, DELETE");
 
-  // Whatever reaches no route, and refusals by the server itself, get a reason too.
+  // Whatever reaches no route, and refusals by the HTTP library itself, get a reason too.
   server.set_error_handler(
       httplib::Server::HandlerWithResponse([](const httplib::Request& req, httplib::Response& res) {
         if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
-        if (res.status == 404)
-          reply(res, 404, "no such resource " + req.path);
-        else if (res.status == 413) {
-          reply(res, 413, "request body exceeds " + std::to_string(maxRequestBody) + " bytes");
-        } else
-          reply(res, res.status, "bad request");
+        reply(res, res.status, res.status == 404 ? "no such resource " + req.path : "bad request");
         return httplib::Server::HandlerResponse::Handled;
       }));
 }

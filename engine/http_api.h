@@ -3,21 +3,19 @@
 #ifndef VIGILO_ENGINE_HTTP_API_H_
 #define VIGILO_ENGINE_HTTP_API_H_
 
-#include <httplib.h>
-
+#include "bounded_server.h"
 #include "event_engine.h"
 
 namespace ovengine {
 
-inline constexpr std::size_t maxRequestBody = 1024 * 1024;
-inline constexpr std::size_t maxUserValue = 4096;
+// The server's limits: the request body is the engine's.
+ovhttp::server_limits serverLimits();
 
-// The settings that a polled server needs; they take effect on the listening socket, so they come
-// before it is bound.
-void configureServer(httplib::Server& server);
+// Why a user status value was refused, for the client or the command line.
+const char* describe(user_status_result refusal);
 
 // Installs every route. `engine` must outlive the server; `port` is what /info reports.
-void installRoutes(httplib::Server& server, event_engine& engine, int port);
+void installRoutes(ovhttp::bounded_server& server, event_engine& engine, int port);
 
 }  // namespace ovengine
 

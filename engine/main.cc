@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -16,7 +15,8 @@
 
 namespace {
 
-// Generates events at a steady rate, in a batch every 10 ms, until the engine stops.
+// Generates events at a steady rate, in a batch every 10 ms, until the engine stops. A batch that
+// the engine has no room for is dropped and counted.
 void generateLoad(ovengine::event_engine& engine, double perSecond, const bool& stop,
                   std::mutex& mutex) {
   static const char* const types[] = {"Trade", "Quote", "Order", "Cancel", "Fill"};
@@ -39,7 +39,9 @@ void generateLoad(ovengine::event_engine& engine, double perSecond, const bool& 
     for (std::size_t i = 0; i < count; ++i, ++sequence) {
       batch.push_back({types[sequence % 5], "id=" + std::to_string(sequence) + ",qty=100"});
     }
-    if (!batch.empty() && !engine.submit(std::move(batch), /*waitForSpace=*/true)) return;
+    if (!batch.empty() && engine.submit(std::move(batch)) != ovengine::submit_result::accepted) {
+      engine.countDropped(count);
+    }
   }
 }
 
@@ -67,10 +69,15 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);
 
   ovengine::event_engine engine(options.contexts);
-  for (const auto& [key, value] : options.userStatus) engine.setUserStatus(key, value);
+  for (const auto& [key, value] : options.userStatus) {
+    const ovengine::user_status_result result = engine.setUserStatus(key, value);
+    if (result != ovengine::user_status_result::set) {
+      std::cerr << "ovengine: --user-status " << key << ": " << ovengine::describe(result) << "\n";
+      return 2;
+    }
+  }
 
-  httplib::Server server;
-  ovengine::configureServer(server);
+  ovhttp::bounded_server server(ovengine::serverLimits());
   const int port = options.port == 0
                        ? server.bind_to_any_port(options.bind)
                        : (server.bind_to_port(options.bind, options.port) ? options.port : -1);
@@ -80,15 +87,10 @@ int main(int argc, char** argv) {
   }
   ovengine::installRoutes(server, engine, port);
 
-  std::atomic<bool> serving{true};
-  std::thread stopper([&server, &stopSignals, &serving] {
+  std::thread stopper([&server, &stopSignals] {
     int signal = 0;
     sigwait(&stopSignals, &signal);
-    // A stop that comes before the server runs would be lost: wait until it does.
-    while (serving && !server.is_running()) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    server.stop();
+    server.shutdown();
   });
 
   std::mutex loadMutex;
@@ -100,8 +102,7 @@ int main(int argc, char** argv) {
   }
 
   std::cout << "ovengine listening on " << options.bind << ":" << port << std::endl;
-  const bool served = server.listen_after_bind();
-  serving = false;
+  const bool served = server.serve();
   pthread_kill(stopper.native_handle(), SIGTERM);  // wakes the stopper if no signal came
 
   {

@@ -1,9 +1,14 @@
 // The real ovengine process on an ephemeral port, driven over HTTP as its users drive it.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
@@ -95,38 +100,127 @@ TEST(OvengineTest, UserStatusKeepsTheOrderItWasSetIn) {
             (pairs{{"user-region", "apac"}, {"user-zone", "a,b"}}));
 }
 
-struct refusal {
-  std::string method, path, body;
-  int status;
-  std::string reason;
+// A connection of our own to the engine, for requests that an HTTP client library would not make.
+struct raw_connection {
+  explicit raw_connection(unsigned short port) : fd(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const timeval fiveSeconds{5, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &fiveSeconds, sizeof fiveSeconds);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  }
+  ~raw_connection() { close(fd); }
+
+  void send(const std::string& bytes) const {
+    (void)!::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  }
+
+  // "status body" of the next response.
+  std::string response() const {
+    std::string in;
+    char buffer[65536];
+    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) {
+      in.append(buffer, static_cast<std::size_t>(n));
+      const auto head = in.find("\r\n\r\n");
+      const auto length = in.find("Content-Length: ");
+      if (head != std::string::npos && length != std::string::npos &&
+          in.size() >= head + 4 + std::stoul(in.substr(length + 16))) {
+        break;
+      }
+    }
+    const auto head = in.find("\r\n\r\n");
+    return head == std::string::npos ? in : in.substr(9, 4) + in.substr(head + 4);
+  }
+
+  const int fd;
 };
+
+std::string request(const std::string& method, const std::string& path, const std::string& body,
+                    const std::string& headers = "") {
+  return method + " " + path + " HTTP/1.1\r\nHost: x\r\n" + headers +
+         (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" +
+         body;
+}
+
+std::string many(const std::string& text, int count) {
+  std::string all;
+  for (int i = 0; i < count; ++i) all += text;
+  return all;
+}
 
 TEST(OvengineTest, RefusesBadRequestsWithAOneLineReason) {
   running_engine engine;
-  const refusal cases[] = {
-      {"GET", "/nope", "", 404, "no such resource /nope\n"},
-      {"POST", "/status", "", 405, "method POST not allowed on /status\n"},
-      {"POST", "/events", "Trade(1)\nnot an event\n", 400, "line 2: expected Type(fields)\n"},
-      {"POST", "/events", std::string(2 * 1024 * 1024, 'x'), 413,
-       "request body exceeds 1048576 bytes\n"},
-      {"PUT", "/status/user/bad key", "v", 400,
-       "user status key must be 1 to 128 of A-Z a-z 0-9 _ - .\n"},
-      {"PUT", "/status/user/big", std::string(5000, 'v'), 413,
-       "user status value exceeds 4096 bytes\n"},
-      {"DELETE", "/status/user/absent", "", 404, "no user status absent\n"},
+  std::string typeBeyondTheLimit;
+  for (int i = 0; i <= 1000; ++i) typeBeyondTheLimit += "T" + std::to_string(i) + "()\n";
+  const std::pair<std::string, std::string> cases[] = {
+      {request("GET", "/nope", ""), "404 no such resource /nope\n"},
+      {request("POST", "/status", "x"), "405 method POST not allowed on /status\n"},
+      {request("POST", "/events", "Trade(1)\nnot an event\n"),
+       "400 line 2: expected Type(fields)\n"},
+      {request("POST", "/events", std::string(65, 'T') + "()"),
+       "400 line 1: event type too long\n"},
+      {request("POST", "/events", "T(" + std::string(257, 'f') + ")"),
+       "400 line 1: fields too long\n"},
+      {request("POST", "/events", typeBeyondTheLimit), "400 more than 1000 event types\n"},
+      {request("POST", "/events", many("T()\n", 100001)),
+       "503 engine busy: 100000 events in flight\n"},
+      {request("POST", "/events", std::string(2 * 1024 * 1024, 'x')),
+       "413 request body exceeds 1048576 bytes\n"},
+      {request("POST", "/events", "", "Transfer-Encoding: chunked\r\n") +
+           many("100000\r\n" + std::string(0x100000, 'x') + "\r\n", 2),
+       "413 request body exceeds 1048576 bytes\n"},
+      {request("POST", "/events", "T()", "Content-Encoding: gzip\r\n"),
+       "415 request bodies are taken without a content encoding\n"},
+      {request("GET", "/" + std::string(9000, 'p'), ""), "414 request line exceeds 8192 bytes\n"},
+      {request("GET", "/status", "", many("X-A: b\r\n", 65)), "431 more than 64 header fields\n"},
+      {request("GET", "/status", "", "X-A: " + std::string(17000, 'b') + "\r\n"),
+       "431 request head exceeds 16384 bytes\n"},
+      {request("PUT", "/status/user/bad%20key", "v"),
+       "400 user status key must be 1 to 128 of A-Z a-z 0-9 _ - .\n"},
+      {request("PUT", "/status/user/k", "caf\xc3"),
+       "400 user status value must be UTF-8 text of at most 4096 bytes\n"},
+      {request("PUT", "/status/user/big", std::string(5000, 'v')),
+       "413 request body exceeds 4096 bytes\n"},
+      {request("DELETE", "/status/user/absent", ""), "404 no user status absent\n"},
   };
-  for (const refusal& c : cases) {
-    SCOPED_TRACE(c.method + " " + c.path);
-    httplib::Request request;
-    request.method = c.method;
-    request.path = c.path;
-    request.body = c.body;
-    const auto res = engine.client.send(request);
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, c.status);
-    EXPECT_EQ(res->body, c.reason);
+  for (const auto& [bytes, expected] : cases) {
+    SCOPED_TRACE(bytes.substr(0, 60));
+    raw_connection client(engine.port());
+    client.send(bytes);
+    EXPECT_EQ(client.response(), expected);
   }
-  EXPECT_EQ(value(engine.status(), "numReceived"), "0");  // nothing refused was counted
+  for (int i = 0; i < 100; ++i) {
+    engine.client.Put("/status/user/k" + std::to_string(i), "v", "text/plain");
+  }
+  EXPECT_EQ(engine.client.Put("/status/user/one-more", "v", "text/plain")->body,
+            "at most 100 user status values\n");
+  // Nothing refused was counted, and the status document is still served.
+  const pairs status = engine.status();
+  EXPECT_EQ(value(status, "numReceived"), "0");
+  EXPECT_EQ(status.size(), std::size(com::orvex::engine::statusCatalogue) + 100);
+}
+
+// Idle and slow clients hold no worker: with hundreds of them connected, a new client is answered
+// at once, and a stop ends them all at once.
+TEST(OvengineTest, IdleAndSlowClientsHoldNothingUp) {
+  running_engine engine;
+  std::vector<std::unique_ptr<raw_connection>> waiting;
+  for (int i = 0; i < 300; ++i) {
+    waiting.push_back(std::make_unique<raw_connection>(engine.port()));
+    if (i % 10 == 0) waiting.back()->send("GET /status HTTP/1.1\r\nHo");  // and never the rest
+  }
+  auto started = std::chrono::steady_clock::now();
+  raw_connection latecomer(engine.port());
+  latecomer.send(request("GET", "/ping", ""));
+  EXPECT_EQ(latecomer.response(), "200 pong\n");
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
+
+  started = std::chrono::steady_clock::now();
+  engine.signal(SIGTERM);
+  EXPECT_EQ(engine.finish(std::chrono::seconds(20)).status, 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
 }
 
 TEST(OvengineTest, StopsCleanlyOnSigtermAndSigint) {
@@ -154,6 +248,20 @@ TEST(OvengineTest, LoadNeverRunsAheadOfItsRate) {
     EXPECT_LE(received, 5000 * (uptimeMs + 1) / 1000 + 50) << "at " << uptimeMs << " ms";
   }
   EXPECT_GE(received, 1000);
+}
+
+// More load than the engine can process: what it cannot take is dropped and counted, and no more
+// events are ever in flight than the bound allows.
+TEST(OvengineTest, AFloodIsBoundedAndCounted) {
+  running_engine engine({"--load", "10000000", "--contexts", "1"});
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  std::uint64_t dropped = 0;
+  while (dropped == 0 && std::chrono::steady_clock::now() < deadline) {
+    const pairs status = engine.status();
+    EXPECT_LE(number(status, "numReceived") - number(status, "numOutEventsSent"), 100'000u);
+    dropped = nlohmann::json::parse(engine.client.Get("/info")->body).at("dropped");
+  }
+  EXPECT_GT(dropped, 0u);
 }
 
 TEST(OvengineTest, RefusesABadCommandLine) {
