@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "client_status.h"
+#include "http_connection.h"
 #include "http_response_reader.h"
 #include "status/EngineStatus.h"
 #include "status_document.h"
@@ -19,8 +20,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size == 0) return 0;
   const std::size_t step = 1 + data[0] % 16;
   std::string_view bytes(reinterpret_cast<const char*>(data) + 1, size - 1);
-  // Small limits, so that the fuzzer reaches them.
-  http_response_reader reader(512, 4096);
+  // Small limits, so that the fuzzer reaches them; the readers are reused, as a connection's are.
+  static http_response_reader reader(512, 4096);
+  static status_document_reader documents;
+  reader.reset();
   while (!bytes.empty() && reader.current() == http_response_reader::state::reading) {
     const std::size_t take = bytes.size() < step ? bytes.size() : step;
     reader.feed(bytes.substr(0, take));
@@ -30,10 +33,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (reader.current() != http_response_reader::state::complete) return 0;
   if (reader.body().size() > 4096) __builtin_trap();
 
-  status_pairs pairs;
+  std::string body = reader.body();
+  body.reserve(body.size() + bodyPadding);
   std::string error;
-  if (!parseStatusDocument(reader.body(), pairs, error)) return 0;
-  EngineStatus record(newClientStatus(std::move(pairs)));
+  client_status::owned status = client_status::take();
+  if (!documents.read(body, body.capacity(), status->pairs, error)) return 0;
+  EngineStatus record(status.release()->handOut());
   std::size_t seen = 0;
   for (auto it = record.begin(); it != record.end(); ++it) seen += it.key().size();
   (void)seen;

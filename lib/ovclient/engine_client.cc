@@ -20,6 +20,8 @@ class EngineManagement {
   EngineManagement(const char* host, unsigned short port, const std::string& userAgent)
       : connection(host, port, client::timeoutsFromEnvironment(), userAgent) {}
   client::http_connection connection;
+  client::status_document_reader reader;  // its buffers serve every poll of the connection
+  std::string why;
 };
 
 namespace {
@@ -74,7 +76,7 @@ EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short po
   auto management = std::make_unique<EngineManagement>(host, port, userAgent);
   try {
     management->connection.open();
-    const client::http_response pong = management->connection.get("/ping");
+    const client::http_response& pong = management->connection.get("/ping");
     if (pong.status / 100 != 2) throw std::runtime_error(answered("/ping", pong));
   } catch (const std::exception& e) {
     throw EngineException(printable("Could not connect to engine at " +
@@ -100,18 +102,18 @@ extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* mana
   using namespace com::orvex::engine;
   using namespace com::orvex::client;
   try {
-    const http_response response = management->connection.get("/status");
+    const http_response& response = management->connection.get("/status");
     if (logEnabled(LogLevel::debug)) {
       logLine(LogLevel::debug, printable(answered("/status", response)) + ", " +
                                    std::to_string(response.body.size()) + " bytes");
     }
     if (response.status / 100 != 2) throw std::runtime_error(answered("/status", response));
-    status_pairs pairs;
-    std::string why;
-    if (!parseStatusDocument(response.body, pairs, why)) {
-      throw std::runtime_error("malformed status document: " + why);
+    client_status::owned status = client_status::take();
+    if (!management->reader.read(response.body, response.body.capacity(), status->pairs,
+                                 management->why)) {
+      throw std::runtime_error("malformed status document: " + management->why);
     }
-    return newClientStatus(std::move(pairs));
+    return status.release()->handOut();
   } catch (const std::exception& e) {
     const std::string text = printable("Status request to engine at " +
                                        management->connection.where() + " failed: " + e.what());

@@ -1,5 +1,6 @@
 #include "http_connection.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -16,8 +17,6 @@
 #include <mutex>
 #include <stdexcept>
 #include <thread>
-
-#include "http_response_reader.h"
 
 namespace com::orvex::client {
 
@@ -119,7 +118,6 @@ struct http_connection::exchange_result {
   bool ok = false;
   bool receivedAnything = false;
   bool timedOut = false;
-  http_response response;
   std::string error;
 };
 
@@ -173,6 +171,13 @@ void http_connection::open() {
     // A request goes out in one piece; without this, a reply can wait on a delayed ACK.
     const int one = 1;
     setsockopt(candidate, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    // From here on sends and receives block, for a slice of time at most, so that a response
+    // costs one system call per read rather than a poll before each, and the deadline still
+    // holds to within a slice.
+    fcntl(candidate, F_SETFL, fcntl(candidate, F_GETFL) & ~O_NONBLOCK);
+    const timeval slice{0, 50'000};
+    setsockopt(candidate, SOL_SOCKET, SO_RCVTIMEO, &slice, sizeof slice);
+    setsockopt(candidate, SOL_SOCKET, SO_SNDTIMEO, &slice, sizeof slice);
     fd = candidate;
   }
   if (fd < 0) throw std::runtime_error(cause);
@@ -188,30 +193,30 @@ bool http_connection::peerClosed() const {
 http_connection::exchange_result http_connection::exchange(const std::string& path,
                                                            clock_type::time_point deadline) {
   exchange_result result;
-  const std::string request = "GET " + path + " HTTP/1.1\r\nHost: " + location +
-                              "\r\nUser-Agent: " + userAgent +
-                              "\r\nAccept: application/json\r\n\r\n";
+  if (path != requestPath) {
+    requestPath = path;
+    request = "GET " + path + " HTTP/1.1\r\nHost: " + location + "\r\nUser-Agent: " + userAgent +
+              "\r\nAccept: application/json\r\n\r\n";
+  }
   std::size_t sent = 0;
   while (sent < request.size()) {
     const ssize_t n = send(fd, request.data() + sent, request.size() - sent, MSG_NOSIGNAL);
     if (n > 0) {
       sent += static_cast<std::size_t>(n);
-    } else if (errno == EAGAIN || errno == EINTR) {
-      if (!waitFor(fd, POLLOUT, deadline)) {
-        result.timedOut = true;
-        result.error = timedOut(timeouts.responseMs);
-        return result;
-      }
-    } else {
+    } else if (errno != EAGAIN && errno != EINTR) {
       result.error = std::strerror(errno);
+      return result;
+    } else if (clock_type::now() >= deadline) {
+      result.timedOut = true;
+      result.error = timedOut(timeouts.responseMs);
       return result;
     }
   }
 
-  http_response_reader reader;
+  reader.reset();
   char buffer[65536];
   while (reader.current() == http_response_reader::state::reading) {
-    if (!waitFor(fd, POLLIN, deadline)) {
+    if (clock_type::now() >= deadline) {
       result.timedOut = true;
       result.receivedAnything = reader.receivedAnything();
       result.error = timedOut(timeouts.responseMs);
@@ -235,22 +240,30 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
   }
   if (!reader.keepAlive()) closeSocket();
   result.ok = true;
-  result.response = {reader.statusCode(), reader.reason(), reader.body()};
+  response.status = reader.statusCode();
+  response.reason = reader.reason();
+  reader.takeBody(response.body);
+  response.body.reserve(response.body.size() + bodyPadding);
   return result;
 }
 
-http_response http_connection::get(const std::string& path) {
+const http_response& http_connection::get(const std::string& path) {
   // One limit for the whole response, a request sent once more included.
   const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts.responseMs);
   for (int attempt = 0;; ++attempt) {
     bool reused = fd >= 0;
-    if (reused && peerClosed()) {
+    // A connection that has just answered is still open; one that has waited may have been
+    // closed by the engine meanwhile.
+    if (reused && clock_type::now() - lastAnswer > std::chrono::milliseconds(100) && peerClosed()) {
       closeSocket();
       reused = false;
     }
     open();
     exchange_result r = exchange(path, deadline);
-    if (r.ok) return std::move(r.response);
+    if (r.ok) {
+      lastAnswer = clock_type::now();
+      return response;
+    }
     closeSocket();
     // The engine may close a kept-alive connection just as a request goes out: that request got
     // no answer at all and is safe to send once more on a new connection.

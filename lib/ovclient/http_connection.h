@@ -9,6 +9,8 @@
 #include <chrono>
 #include <string>
 
+#include "http_response_reader.h"
+
 namespace com::orvex::client {
 
 using clock_type = std::chrono::steady_clock;
@@ -28,6 +30,8 @@ struct http_response {
   std::string body;
 };
 
+inline constexpr std::size_t bodyPadding = 64;
+
 class http_connection {
  public:
   http_connection(std::string host, unsigned short port, client_timeouts timeouts,
@@ -41,9 +45,10 @@ class http_connection {
 
   // Connects if not connected. Throws std::runtime_error with the cause ("Connection refused").
   void open();
-  // Sends GET `path` and reads the whole response, of any status. Throws std::runtime_error with
-  // the cause on a transport or framing failure.
-  http_response get(const std::string& path);
+  // Sends GET `path` and reads the whole response, of any status; it stays valid until the next
+  // request. Throws std::runtime_error with the cause on a transport or framing failure. The body
+  // has at least 64 bytes of spare capacity, for readers that look past its end.
+  const http_response& get(const std::string& path);
 
  private:
   struct exchange_result;
@@ -57,6 +62,12 @@ class http_connection {
   const std::string userAgent;
   const std::string location;
   int fd = -1;
+  clock_type::time_point lastAnswer;
+  // Kept from one request to the next, so that a poll reuses the buffers of the poll before.
+  std::string requestPath;
+  std::string request;
+  http_response_reader reader;
+  http_response response;
 };
 
 }  // namespace com::orvex::client

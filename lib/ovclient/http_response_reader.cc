@@ -10,10 +10,11 @@ namespace {
 
 constexpr std::size_t chunkLineLimit = 1024;
 
-std::string lower(std::string_view text) {
-  std::string result(text);
-  for (char& c : result) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return result;
+bool sameLetters(std::string_view text, std::string_view lowercase) {
+  return text.size() == lowercase.size() &&
+         std::equal(text.begin(), text.end(), lowercase.begin(), [](char a, char b) {
+           return std::tolower(static_cast<unsigned char>(a)) == b;
+         });
 }
 
 std::string_view trim(std::string_view text) {
@@ -23,11 +24,10 @@ std::string_view trim(std::string_view text) {
 }
 
 bool hasToken(std::string_view list, std::string_view token) {
-  const std::string all = lower(list);
-  std::string_view rest = all;
+  std::string_view rest = list;
   while (!rest.empty()) {
     const auto comma = rest.find(',');
-    if (trim(rest.substr(0, comma)) == token) return true;
+    if (sameLetters(trim(rest.substr(0, comma)), token)) return true;
     if (comma == std::string_view::npos) break;
     rest.remove_prefix(comma + 1);
   }
@@ -38,6 +38,20 @@ bool hasToken(std::string_view list, std::string_view token) {
 
 http_response_reader::http_response_reader(std::size_t headerLimit, std::size_t bodyLimit)
     : headerLimit(headerLimit), bodyLimit(bodyLimit) {}
+
+void http_response_reader::reset() {
+  progress = state::reading;
+  at = phase::statusLine;
+  receivedBytes = headerBytes = 0;
+  partialLine.clear();
+  code = 0;
+  http10 = sawConnectionHeader = chunked = hasLength = false;
+  reasonPhrase.clear();
+  reusable = true;
+  remaining = 0;
+  content.clear();
+  failure.clear();
+}
 
 http_response_reader::state http_response_reader::fail(std::string why) {
   failure = std::move(why);
@@ -68,7 +82,7 @@ bool http_response_reader::takeLine(std::string_view& bytes, std::string& line) 
   if (lf == std::string_view::npos) return false;
   partialLine.pop_back();
   if (!partialLine.empty() && partialLine.back() == '\r') partialLine.pop_back();
-  line.swap(partialLine);
+  line.swap(partialLine);  // both buffers are kept: a line allocates nothing once they have grown
   partialLine.clear();
   return true;
 }
@@ -104,9 +118,9 @@ http_response_reader::state http_response_reader::headerLine(const std::string& 
   if (colon == std::string::npos || colon == 0) {
     return fail("malformed header line \"" + line.substr(0, 80) + "\"");
   }
-  const std::string name = lower(trim(std::string_view(line).substr(0, colon)));
+  const std::string_view name = trim(std::string_view(line).substr(0, colon));
   const std::string_view value = trim(std::string_view(line).substr(colon + 1));
-  if (name == "content-length") {
+  if (sameLetters(name, "content-length")) {
     std::uint64_t length = 0;
     const auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), length);
     if (value.empty() || ec != std::errc() || end != value.data() + value.size() ||
@@ -119,12 +133,12 @@ http_response_reader::state http_response_reader::headerLine(const std::string& 
     }
     hasLength = true;
     remaining = length;
-  } else if (name == "transfer-encoding") {
-    if (lower(value) != "chunked") {
+  } else if (sameLetters(name, "transfer-encoding")) {
+    if (!sameLetters(value, "chunked")) {
       return fail("unsupported Transfer-Encoding \"" + std::string(value.substr(0, 40)) + "\"");
     }
     chunked = true;
-  } else if (name == "connection") {
+  } else if (sameLetters(name, "connection")) {
     if (hasToken(value, "close")) {
       reusable = false;
       sawConnectionHeader = true;
@@ -181,7 +195,6 @@ http_response_reader::state http_response_reader::chunkSizeLine(const std::strin
 
 http_response_reader::state http_response_reader::feed(std::string_view bytes) {
   receivedBytes += bytes.size();
-  std::string line;
   while (progress == state::reading && !bytes.empty()) {
     switch (at) {
       case phase::statusLine:

@@ -22,6 +22,9 @@ class http_response_reader {
   explicit http_response_reader(std::size_t headerLimit = defaultHeaderLimit,
                                 std::size_t bodyLimit = defaultBodyLimit);
 
+  // Makes the reader ready for the next response; its buffers stay allocated.
+  void reset();
+
   // Takes the next bytes of the connection. Bytes after a complete response are dropped, and the
   // connection is then not reused.
   state feed(std::string_view bytes);
@@ -34,6 +37,8 @@ class http_response_reader {
   int statusCode() const { return code; }
   const std::string& reason() const { return reasonPhrase; }
   const std::string& body() const { return content; }
+  // Exchanges the body with `into`: the two buffers take turns, and neither is allocated anew.
+  void takeBody(std::string& into) { into.swap(content); }
   // Whether the connection may carry the next request once the response is complete.
   bool keepAlive() const { return reusable; }
   // Why the response failed, for a person to act on.
@@ -66,6 +71,7 @@ class http_response_reader {
   std::size_t receivedBytes = 0;
   std::size_t headerBytes = 0;
   std::string partialLine;  // the unfinished line
+  std::string line;         // the last complete one
   int code = 0;
   bool http10 = false;
   std::string reasonPhrase;

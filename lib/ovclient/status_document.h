@@ -1,11 +1,14 @@
 // Reads the engine's status document: a JSON object whose member "status" is an array of
 // [key, value] string pairs. Other members are ignored. Anything else is malformed, and the error
-// says where. Nesting, pair count and (through the body limit) size are bounded, and the JSON
-// reader validates UTF-8.
+// says where. Nesting, pair count and (through the body limit) size are bounded, and the input
+// must be strict UTF-8.
 #ifndef VIGILO_LIB_OVCLIENT_STATUS_DOCUMENT_H_
 #define VIGILO_LIB_OVCLIENT_STATUS_DOCUMENT_H_
 
+#include <simdjson.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -13,13 +16,40 @@
 
 namespace com::orvex::client {
 
-using status_pairs = std::vector<std::pair<std::string, std::string>>;
-
 inline constexpr std::size_t maxDocumentDepth = 64;
 inline constexpr std::size_t maxStatusPairs = 100000;
 
-// The pairs in document order, or false with `error` set.
-bool parseStatusDocument(std::string_view document, status_pairs& pairs, std::string& error);
+// The pairs of one document, in document order, as NUL-terminated texts in one buffer. The
+// buffers are kept from one document to the next, so that once they have grown to an engine's
+// document, reading another allocates nothing. Texts stay in place until the next clear().
+class pair_table {
+ public:
+  void clear();
+  void add(std::string_view key, std::string_view value);
+  std::size_t size() const { return offsets.size(); }
+  const char* key(std::size_t i) const { return text.data() + offsets[i].first; }
+  std::size_t keyLength(std::size_t i) const { return offsets[i].second - offsets[i].first - 1; }
+  const char* value(std::size_t i) const { return text.data() + offsets[i].second; }
+
+ private:
+  std::string text;
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> offsets;
+};
+
+// A reader of status documents, with the parser's buffers kept from one document to the next.
+// simdjson reads them; for a document it cannot read, nlohmann-json (which reports the line and
+// column) says where, in the same words as the engine's own library.
+class status_document_reader {
+ public:
+  status_document_reader();
+
+  // Reads `document` into `pairs`, or returns false with `error` set. The document's buffer
+  // holds `capacity` bytes; with fewer than SIMDJSON_PADDING past the document, it is copied.
+  bool read(std::string_view document, std::size_t capacity, pair_table& pairs, std::string& error);
+
+ private:
+  simdjson::dom::parser parser;
+};
 
 }  // namespace com::orvex::client
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "ovcommon/EngineException.h"
+#include "ovcommon/Platform.h"
 
 namespace com::orvex {
 
@@ -49,6 +50,8 @@ Condition::Condition(Mutex& mutex) : mutex(mutex) {
 Condition::~Condition() { pthread_cond_destroy(&native); }
 
 bool Condition::timedwait(std::uint64_t deadlineMs) {
+  // A deadline that has passed needs no system call: a poller at interval 0 asks every poll.
+  if (Platform::sysTime() >= deadlineMs) return false;
   timespec deadline;
   deadline.tv_sec = static_cast<time_t>(deadlineMs / 1000);
   deadline.tv_nsec = static_cast<long>(deadlineMs % 1000) * 1000000L;

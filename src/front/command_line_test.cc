@@ -63,14 +63,15 @@ TEST_P(CommandLineTest, WritesExactlyThisAndExits) {
 INSTANTIATE_TEST_SUITE_P(
     Outcomes, CommandLineTest,
     ::testing::Values(
-        cli_case{{"-h"}, 0, usageText},
-        cli_case{{"-V"}, 0, "vigilo v" + versionDetail + "\n"},
-        cli_case{{"-r", "-p", "70000"}, 2,
+        cli_case{{"-h"}, 0, usageText}, cli_case{{"-V"}, 0, "vigilo v" + versionDetail + "\n"},
+        cli_case{{"-r", "-p", "70000"},
+                 2,
                  usageText + "Column headings in raw mode excluding user columns are: \n" +
                      vigilo::test_support::rawHeading +
                      "\n\nPort number must be between 1 and 65535\n\n"},
         // A byte that UTF-8 never allows, after arguments that would end the process first.
-        cli_case{{"-f", "caf\xc3\xa9", "-V", "\xed\xa0\x80"}, 1,
+        cli_case{{"-f", "caf\xc3\xa9", "-V", "\xed\xa0\x80"},
+                 1,
                  "Invalid characters for this locale on command line... exiting\n"}));
 
 }  // namespace

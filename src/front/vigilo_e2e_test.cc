@@ -3,6 +3,7 @@
 // What each rendering holds is tested at the status record; here, that it arrives.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -106,7 +107,8 @@ TEST(VigiloTest, StopSignalDuringAWaitEndsAtOnce) {
 }
 
 TEST(VigiloTest, FileIsTruncatedAndHoldsThePoll) {
-  const std::string path = ::testing::TempDir() + "/vigilo_e2e_out.csv";
+  // Its own file: the tracking run of this test may run beside it.
+  const std::string path = ::testing::TempDir() + "/vigilo_e2e_" + std::to_string(getpid());
   std::ofstream(path) << "an older and much longer content that must go\nsecond line\n";
   scripted_engine engine;
   const auto result = runProcess(vigilo(engine.port(), {"-o", "-r", "-f", path}));

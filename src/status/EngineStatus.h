@@ -74,6 +74,8 @@ class EngineStatus {
   std::string getRawHeaderAll() const;
   // The 26 comma-separated standard values, without a line end.
   std::string getStandardStatusValuesRaw() const;
+  // The same, appended to `line`: a poller composes every line in one buffer.
+  void appendStandardStatusValuesRaw(std::string& line) const;
   // The human-readable text followed by one line per user pair.
   std::string getAllStatusValues() const;
 

@@ -65,11 +65,12 @@ void vigil_core::pollForStatus() {
   try {
     if (raw_header && raw) writeHeading();
     rate_base rate;
+    std::string line;  // the raw line of every poll, composed in one buffer
     // Polls are counted only against a limit, so a watch without one runs for ever.
     for (std::int32_t polls = 0;;) {
       // Held until after the wait that follows its poll.
       const EngineStatus status = getEngineStatus(management);
-      writePoll(status, rate);
+      writePoll(status, rate, line);
       if (out.bad() || out.fail()) {
         std::cerr << "Failed to write status to output." << std::endl;
         break;
@@ -101,16 +102,17 @@ void vigil_core::writeHeading() {
   out << (userStat ? heading.getRawHeaderAll() : EngineStatus::getRawHeader()) << std::endl;
 }
 
-void vigil_core::writePoll(const EngineStatus& status, rate_base& rate) {
-  if (raw && !userStat) {
-    out << status.getStandardStatusValuesRaw() << std::endl;
-  } else if (raw) {
-    std::string line = status.getStandardStatusValuesRaw();
-    com::orvex::engine::forEachUserPair(status,
-                                        [&line](const std::string&, const std::string& value) {
-                                          line += ',';
-                                          line += value;
-                                        });
+void vigil_core::writePoll(const EngineStatus& status, rate_base& rate, std::string& line) {
+  if (raw) {
+    line.clear();
+    status.appendStandardStatusValuesRaw(line);
+    if (userStat) {
+      com::orvex::engine::forEachUserPair(status,
+                                          [&line](const std::string&, const std::string& value) {
+                                            line += ',';
+                                            line += value;
+                                          });
+    }
     out << line << std::endl;
   } else {
     if (userStat) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <ostream>
+#include <string>
 
 #include "ovclient/engine_client.h"
 #include "ovcommon/threads.h"
@@ -42,7 +43,8 @@ class vigil_core {
 
   poll_sync startStopMachinery();
   void writeHeading();
-  void writePoll(const com::orvex::engine::EngineStatus& status, rate_base& rate);
+  void writePoll(const com::orvex::engine::EngineStatus& status, rate_base& rate,
+                 std::string& line);
   void writeRateBlock(const com::orvex::engine::EngineStatus& status, rate_base& rate);
   // Waits for the interval or a stop; true when the watch is to stop.
   bool waitOrStop(const poll_sync& sync);
