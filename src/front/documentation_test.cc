@@ -1,0 +1,73 @@
+// The documents say what the program does: the options of vigilo(1) are those of the usage
+// text, and the field tables of vigilo(1) and docs/fields.md are the status catalogue's.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "front/usage.h"
+#include "status/status_catalogue.h"
+
+namespace {
+
+using lines = std::vector<std::string>;
+
+std::string readDocument(const std::string& name) {
+  std::ifstream file(std::string(VIGILO_SOURCE_DIR) + "/" + name);
+  EXPECT_TRUE(file) << name;
+  return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+// Every match of `pattern` in `text`, its groups joined by blanks.
+lines matches(const std::string& text, const std::string& pattern) {
+  lines found;
+  const std::regex expression(pattern, std::regex::multiline);
+  for (std::sregex_iterator it(text.begin(), text.end(), expression), end; it != end; ++it) {
+    std::string joined;
+    for (std::size_t i = 1; i < it->size(); ++i) joined += (i > 1 ? " " : "") + (*it)[i].str();
+    found.push_back(joined);
+  }
+  return found;
+}
+
+// Field, key, kind and heading of every field of the raw line, as the program writes them.
+lines programFields(bool withKind) {
+  using namespace com::orvex::engine;
+  lines fields;
+  int field = 0;
+  for (const status_key& row : statusCatalogue) {
+    if (!row.inRaw) continue;
+    const char* kind = row.kind == value_kind::u32   ? "u32"
+                       : row.kind == value_kind::u64 ? "u64"
+                                                     : "text";
+    fields.push_back(std::to_string(++field) + " " + row.key +
+                     (withKind ? std::string(" ") + kind : "") + " " +
+                     (row.rawHeading != nullptr ? row.rawHeading : "(none)"));
+  }
+  return fields;
+}
+
+TEST(DocumentationTest, FieldTablesAreTheProgramsFields) {
+  EXPECT_EQ(matches(readDocument("docs/fields.md"),
+                    R"(^\| (\d+) \| `(\w+)` \| (u32|u64|text) \| ([^|]*[^ |]) \|$)"),
+            programFields(true));
+  EXPECT_EQ(matches(readDocument("docs/man/vigilo.1.in"), R"(^(\d+);(\w+);(.*)$)"),
+            programFields(false));
+}
+
+TEST(DocumentationTest, ManualOptionsAreTheUsageTextsOptions) {
+  std::ostringstream usage;
+  std::streambuf* saved = std::cerr.rdbuf(usage.rdbuf());
+  vigilo::printUsage();
+  std::cerr.rdbuf(saved);
+  EXPECT_EQ(matches(readDocument("docs/man/vigilo.1.in"),
+                    R"(^\.BR \\-(\w) ", " \\-\\-(\w+)(?: " \\fI(\w+)\\fR")?$)"),
+            matches(usage.str(), R"(^    -(\w) \| --(\w+) (?:<(\w+)>)?)"));
+}
+
+}  // namespace
