@@ -16,3 +16,6 @@ for preset in default asan tsan; do
   cmake --build --preset "$preset"
   ctest --preset "$preset"
 done
+
+echo "== package" >&2
+bash scripts/package_test.sh

@@ -57,7 +57,10 @@ struct scripted_engine : fake_engine {
 };
 
 std::vector<std::string> vigilo(unsigned short port, std::vector<std::string> args) {
-  args.insert(args.begin(), {VIGILO_BINARY, "-n", "127.0.0.1", "-p", std::to_string(port)});
+  // VIGILO_UNDER_TEST names another vigilo, such as an installed one, to run the suite against.
+  const char* binary = std::getenv("VIGILO_UNDER_TEST");
+  args.insert(args.begin(), {binary != nullptr ? binary : VIGILO_BINARY, "-n", "127.0.0.1", "-p",
+                             std::to_string(port)});
   return args;
 }
 
