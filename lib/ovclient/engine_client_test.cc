@@ -3,7 +3,6 @@
 #include "ovclient/engine_client.h"
 
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -179,11 +178,11 @@ TEST_F(EngineClientTest, ConnectFailuresNameHostPortAndCause) {
   EXPECT_EQ(connectError("127.0.0.1", notAnEngine.port()),
             "Could not connect to engine at 127.0.0.1:" + std::to_string(notAnEngine.port()) +
                 ": GET /ping answered 404 Not Found");
-  // The resolver's own words, which depend on whether a name server answered.
-  EXPECT_THAT(connectError("nohost.invalid", 15903),
-              ::testing::MatchesRegex("Could not connect to engine at nohost.invalid:15903: "
-                                      "(Name or service not known|Temporary failure in name "
-                                      "resolution)"));
+  // A label of 64 bytes is refused by the resolver before any name server is asked, so the
+  // cause is the same on every machine, with or without a network.
+  const std::string unresolvable = std::string(64, 'a') + ".invalid";
+  EXPECT_EQ(connectError(unresolvable.c_str(), 15903),
+            "Could not connect to engine at " + unresolvable + ":15903: Name or service not known");
 }
 
 // "localhost" gives every address the resolver has for it, tried in order: an engine on either
