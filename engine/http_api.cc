@@ -12,20 +12,8 @@ namespace ovengine {
 namespace {
 
 using json = nlohmann::json;
+using ovhttp::allowOnly;
 using ovhttp::reply;
-
-// Known paths answer every other method with 405 and the methods they allow.
-void allowOnly(httplib::Server& server, const std::string& pattern, const std::string& allow) {
-  const auto refuse = [allow](const httplib::Request& req, httplib::Response& res) {
-    res.set_header("Allow", allow);
-    reply(res, 405, "method " + req.method + " not allowed on " + req.path);
-  };
-  if (allow.find("GET") == std::string::npos) server.Get(pattern, refuse);
-  if (allow.find("POST") == std::string::npos) server.Post(pattern, refuse);
-  if (allow.find("PUT") == std::string::npos) server.Put(pattern, refuse);
-  if (allow.find("DELETE") == std::string::npos) server.Delete(pattern, refuse);
-  server.Patch(pattern, refuse);
-}
 
 }  // namespace
 

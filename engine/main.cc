@@ -1,7 +1,5 @@
 // ovengine: a real event-processing engine for vigilo to watch.
 #include <httplib.h>
-#include <pthread.h>
-#include <signal.h>
 
 #include <chrono>
 #include <cmath>
@@ -59,14 +57,7 @@ int main(int argc, char** argv) {
     return 0;
   }
 
-  // SIGINT and SIGTERM are taken by a thread of their own, so that the stop runs outside signal
-  // context; every thread started from here on inherits the mask.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
+  ovhttp::blockStopSignals();  // before any thread starts
 
   ovengine::event_engine engine(options.contexts);
   for (const auto& [key, value] : options.userStatus) {
@@ -87,12 +78,6 @@ int main(int argc, char** argv) {
   }
   ovengine::installRoutes(server, engine, port);
 
-  std::thread stopper([&server, &stopSignals] {
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
-    server.shutdown();
-  });
-
   std::mutex loadMutex;
   bool loadStop = false;
   std::thread load;
@@ -102,15 +87,13 @@ int main(int argc, char** argv) {
   }
 
   std::cout << "ovengine listening on " << options.bind << ":" << port << std::endl;
-  const bool served = server.serve();
-  pthread_kill(stopper.native_handle(), SIGTERM);  // wakes the stopper if no signal came
+  const bool served = ovhttp::serveUntilStopSignal(server);
 
   {
     std::lock_guard<std::mutex> lock(loadMutex);
     loadStop = true;
   }
   if (load.joinable()) load.join();
-  stopper.join();
   if (!served) {
     std::cerr << "ovengine: the server failed\n";
     return 1;

@@ -17,8 +17,9 @@ namespace com::orvex::engine {
 
 class EngineManagement {
  public:
-  EngineManagement(const char* host, unsigned short port, const std::string& userAgent)
-      : connection(host, port, client::timeoutsFromEnvironment(), userAgent) {}
+  EngineManagement(const char* host, unsigned short port, client::client_timeouts limits,
+                   const std::string& userAgent)
+      : connection(host, port, limits, userAgent) {}
   client::http_connection connection;
   client::status_document_reader reader;  // its buffers serve every poll of the connection
   std::string why;
@@ -72,8 +73,19 @@ void engineShutdown() {
 
 EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short port,
                                              const char* /*reserved*/) {
+  const client::client_timeouts limits = client::timeoutsFromEnvironment();
+  return connectToEngineWithin(host, port, {limits.connectMs, limits.responseMs});
+}
+
+void setEngineLimits(EngineManagement* management, EngineLimits limits) {
+  management->connection.setTimeouts({limits.connectMs, limits.responseMs});
+}
+
+EngineManagement* connectToEngineWithin(const char* host, unsigned short port,
+                                        EngineLimits limits) {
   if (host == nullptr) throw EngineException("Could not connect to engine: no host given");
-  auto management = std::make_unique<EngineManagement>(host, port, userAgent);
+  auto management = std::make_unique<EngineManagement>(
+      host, port, client::client_timeouts{limits.connectMs, limits.responseMs}, userAgent);
   try {
     management->connection.open();
     const client::http_response& pong = management->connection.get("/ping");

@@ -43,6 +43,8 @@ class http_connection {
   // "host:port", with brackets around an IPv6 literal.
   const std::string& where() const { return location; }
 
+  void setTimeouts(client_timeouts limits) { timeouts = limits; }
+
   // Connects if not connected. Throws std::runtime_error with the cause ("Connection refused").
   void open();
   // Sends GET `path` and reads the whole response, of any status; it stays valid until the next
@@ -58,7 +60,7 @@ class http_connection {
 
   const std::string host;
   const unsigned short port;
-  const client_timeouts timeouts;
+  client_timeouts timeouts;
   const std::string userAgent;
   const std::string location;
   int fd = -1;

@@ -5,6 +5,8 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -72,9 +74,52 @@ bool waitReady(int fd, short events, int stopFd, clock_type::time_point deadline
 
 }  // namespace
 
+namespace {
+
+sigset_t stopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  return signals;
+}
+
+}  // namespace
+
+void blockStopSignals() {
+  const sigset_t signals = stopSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signal(SIGPIPE, SIG_IGN);
+}
+
+bool serveUntilStopSignal(bounded_server& server) {
+  std::thread stopper([&server] {
+    const sigset_t signals = stopSignals();
+    int signal = 0;
+    sigwait(&signals, &signal);
+    server.shutdown();
+  });
+  const bool served = server.serve();
+  pthread_kill(stopper.native_handle(), SIGTERM);  // wakes the stopper if no signal came
+  stopper.join();
+  return served;
+}
+
 void reply(httplib::Response& res, int status, const std::string& text) {
   res.status = status;
   res.set_content(text + "\n", "text/plain");
+}
+
+void allowOnly(httplib::Server& server, const std::string& pattern, const std::string& allow) {
+  const auto refuse = [allow](const httplib::Request& req, httplib::Response& res) {
+    res.set_header("Allow", allow);
+    reply(res, 405, "method " + req.method + " not allowed on " + req.path);
+  };
+  if (allow.find("GET") == std::string::npos) server.Get(pattern, refuse);
+  if (allow.find("POST") == std::string::npos) server.Post(pattern, refuse);
+  if (allow.find("PUT") == std::string::npos) server.Put(pattern, refuse);
+  if (allow.find("DELETE") == std::string::npos) server.Delete(pattern, refuse);
+  server.Patch(pattern, refuse);
 }
 
 void closeAfterResponse() { closeRequested = true; }

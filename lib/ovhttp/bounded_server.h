@@ -40,6 +40,10 @@ struct server_limits {
 // A response whose whole body is `text` and a line end: every refusal says why in one line.
 void reply(httplib::Response& res, int status, const std::string& text);
 
+// Makes `pattern` answer every method but those in `allow` ("GET, PUT") with 405 and an Allow
+// header: a known path refuses a method it does not serve, rather than being "not found".
+void allowOnly(httplib::Server& server, const std::string& pattern, const std::string& allow);
+
 // The connection closes once the response that this thread is making has been written: for a
 // refusal that leaves a request body unread.
 void closeAfterResponse();
@@ -48,6 +52,16 @@ void closeAfterResponse();
 // framing); false when it is longer or does not arrive, with the refusal already in `res`.
 bool readBody(const httplib::ContentReader& reader, std::size_t limit, std::string& body,
               httplib::Response& res);
+
+// Blocks SIGINT and SIGTERM in the calling thread and in every thread it starts afterwards, so
+// that serveUntilStopSignal takes them: the first call of a server's main.
+void blockStopSignals();
+
+class bounded_server;
+
+// Serves until SIGINT or SIGTERM, which a thread of its own turns into shutdown() outside signal
+// context; false when serving failed.
+bool serveUntilStopSignal(bounded_server& server);
 
 class bounded_server : public httplib::Server {
  public:

@@ -22,6 +22,21 @@ void engineShutdown();
 EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short port,
                                              const char* reserved);
 
+// A connection's limits, in milliseconds: connecting (name resolution included) and each whole
+// response.
+struct EngineLimits {
+  int connectMs;
+  int responseMs;
+};
+
+// As connectToEngineMonitorOnly, within `limits` rather than those the environment sets
+// (OVCLIENT_CONNECT_TIMEOUT_MS and OVCLIENT_RESPONSE_TIMEOUT_MS, else 5 s and 30 s): for a caller
+// whose every request has a time limit of its own.
+EngineManagement* connectToEngineWithin(const char* host, unsigned short port, EngineLimits limits);
+
+// Sets the limits of what the connection does next, a reconnection included.
+void setEngineLimits(EngineManagement* management, EngineLimits limits);
+
 // Closes and releases the connection. Throws EngineException on failure.
 void disconnectFromEngine(EngineManagement* management);
 
