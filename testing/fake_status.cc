@@ -11,6 +11,7 @@ struct fake_status {
   StatusOpaque opaque;  // first, so that a StatusOpaque* is a fake_status*
   fake_status_script script;
   fake_status_log* log;
+  fake_status_log ownLog;             // where calls are counted when the test keeps no log
   std::deque<std::string> handedOut;  // stable addresses for every string handed out
 };
 
@@ -72,7 +73,9 @@ const StatusFunctions fakeFunctions = statusFunctionsOf(
 }  // namespace
 
 StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* log) {
-  return &(new fake_status{{nullptr, &fakeFunctions}, script, log, {}})->opaque;
+  auto* s = new fake_status{{nullptr, &fakeFunctions}, script, log, {}, {}};
+  if (log == nullptr) s->log = &s->ownLog;
+  return &s->opaque;
 }
 
 std::vector<text_pair> walkStatus(StatusOpaque* status) {

@@ -34,8 +34,9 @@ struct fake_status_log {
   std::vector<std::uintptr_t> freedIterations;
 };
 
-// A new status object, released through its deleteStatus entry, which first scribbles over every
-// string it handed out: a kept pointer shows up as garbage (and under ASan as a use after free).
+// A new status object, its calls counted in `log` when that is not null, released through its
+// deleteStatus entry, which first scribbles over every string it handed out: a kept pointer shows
+// up as garbage (and under ASan as a use after free).
 StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* log);
 
 // Every pair of any status object, walked through its table as a user of the client library

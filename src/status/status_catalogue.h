@@ -1,6 +1,6 @@
 // The catalogue of standard status keys: the one table from which the raw heading line, the raw
-// values line and the human-readable text are all rendered. A key, a heading or a label appears
-// nowhere else in the program.
+// values line, the human-readable text and the exporter's metrics are all rendered. A key, a
+// heading, a label or a metric name appears nowhere else.
 #ifndef VIGILO_SRC_STATUS_STATUS_CATALOGUE_H_
 #define VIGILO_SRC_STATUS_STATUS_CATALOGUE_H_
 
@@ -17,6 +17,10 @@ enum class value_kind {
   text,  // getStatusString, written as received
 };
 
+// How the exporter shows a value: a counter, a gauge, or a label of an `_info` metric whose value
+// is 1 (the rows of one info metric stand together, the first with its help).
+enum class metric_type { counter, gauge, info };
+
 struct status_key {
   const char* key;  // spelled as the engine spells it
   value_kind kind;
@@ -24,47 +28,71 @@ struct status_key {
   const char* rawHeading;  // heading in the raw heading line, or null for none
   int textLine;            // 1-based line of the human-readable text
   const char* label;       // label of that line, colon included
+  const char* metric;      // the Prometheus metric that shows it
+  metric_type metricType;
+  const char* metricHelp;   // null for the later rows of an info metric
+  const char* metricLabel;  // the label that carries a text, for info metrics
 };
 
 // In the order of the raw values line; the raw headings follow the same order.
+// clang-format off
 inline constexpr status_key statusCatalogue[] = {
-    {"uptime", value_kind::u64, true, "Uptime (ms)", 1, "Uptime(ms):"},
-    {"numContexts", value_kind::u32, true, "# Contexts", 2, "Number of contexts:"},
-    {"numMonitors", value_kind::u32, true, "# Monitors", 3, "Number of monitors:"},
-    {"numProcesses", value_kind::u32, true, "# Sub-monitors", 4, "Number of sub-monitors:"},
-    {"numJavaApplications", value_kind::u32, true, "# Java apps", 5,
-     "Number of Java applications:"},
-    {"numListeners", value_kind::u32, true, "# Listeners", 6, "Number of listeners:"},
-    {"numSubListeners", value_kind::u32, true, "# Sub-listeners", 7, "Number of sub-listeners:"},
-    {"numEventTypes", value_kind::u32, true, "# Event types", 8, "Number of event types:"},
-    {"numQueuedInput", value_kind::u32, true, "Input queue", 9, "Events on input queue:"},
-    {"numReceived", value_kind::u64, true, "# Received events", 10, "Events received:"},
-    {"numQueuedFastTrack", value_kind::u32, true, "Route queue", 12, "Events on internal queue:"},
-    {"numFastTracked", value_kind::u64, true, "# Routed events", 13, "Events routed internally:"},
-    {"numConsumers", value_kind::u32, true, "# Consumers", 14, "Number of consumers:"},
-    {"numOutEventsQueued", value_kind::u32, true, "Output queue", 15, "Events on output queue:"},
-    {"numEmits", value_kind::u64, true, "# Created output events", 16, "Output events created:"},
-    {"numOutEventsSent", value_kind::u64, true, "# Sent output events", 17, "Output events sent:"},
-    {"persistenceNumSnapshots", value_kind::text, true, nullptr, 19,
-     "Number of persistent snapshots:"},
-    {"persistenceLastSnapshotTime", value_kind::text, true, nullptr, 20,
-     "Last persistent snapshot time:"},
-    {"persistenceSnapshotWaitTimeEwmaMillis", value_kind::text, true, nullptr, 21,
-     "Persistent snapshot wait time Millis (EWMA):"},
-    {"persistenceCommitTimeEwmaMillis", value_kind::text, true, nullptr, 22,
-     "Persistent commit time Millis (EWMA):"},
-    {"persistenceLastSnapshotRowsChangedEwma", value_kind::text, true, nullptr, 23,
-     "Last persistent snapshot rows changed (EWMA):"},
-    {"numProcessed", value_kind::u64, true, "# Processed events", 11, "Events processed:"},
-    {"mostBackedUpInputContext", value_kind::text, true, "Slowest context name", 24,
-     "Slowest context name:"},
-    {"mostBackedUpICQueueSize", value_kind::u32, true, "Slowest context queue size", 25,
-     "Slowest context queue size:"},
-    {"slowestReceiver", value_kind::text, true, "Slowest receiver", 26, "Slowest receiver name:"},
-    {"slowestReceiverQueueSize", value_kind::u32, true, "Slowest receiver queue", 27,
-     "Slowest receiver queue size:"},
-    {"numInputQueuedInput", value_kind::u32, false, nullptr, 18, "Events on input context queues:"},
+    {"uptime", value_kind::u64, true, "Uptime (ms)", 1, "Uptime(ms):",
+     "orvex_uptime_seconds", metric_type::gauge, "Time since the engine started.", nullptr},
+    {"numContexts", value_kind::u32, true, "# Contexts", 2, "Number of contexts:",
+     "orvex_contexts", metric_type::gauge, "Contexts processing events.", nullptr},
+    {"numMonitors", value_kind::u32, true, "# Monitors", 3, "Number of monitors:",
+     "orvex_monitors", metric_type::gauge, "Monitors.", nullptr},
+    {"numProcesses", value_kind::u32, true, "# Sub-monitors", 4, "Number of sub-monitors:",
+     "orvex_sub_monitors", metric_type::gauge, "Sub-monitors.", nullptr},
+    {"numJavaApplications", value_kind::u32, true, "# Java apps", 5, "Number of Java applications:",
+     "orvex_java_applications", metric_type::gauge, "Java applications.", nullptr},
+    {"numListeners", value_kind::u32, true, "# Listeners", 6, "Number of listeners:",
+     "orvex_listeners", metric_type::gauge, "Listeners.", nullptr},
+    {"numSubListeners", value_kind::u32, true, "# Sub-listeners", 7, "Number of sub-listeners:",
+     "orvex_sub_listeners", metric_type::gauge, "Sub-listeners.", nullptr},
+    {"numEventTypes", value_kind::u32, true, "# Event types", 8, "Number of event types:",
+     "orvex_event_types", metric_type::gauge, "Event types known.", nullptr},
+    {"numQueuedInput", value_kind::u32, true, "Input queue", 9, "Events on input queue:",
+     "orvex_input_queue_events", metric_type::gauge, "Events waiting on the input queue.", nullptr},
+    {"numReceived", value_kind::u64, true, "# Received events", 10, "Events received:",
+     "orvex_events_received_total", metric_type::counter, "Events received.", nullptr},
+    {"numQueuedFastTrack", value_kind::u32, true, "Route queue", 12, "Events on internal queue:",
+     "orvex_internal_queue_events", metric_type::gauge, "Events waiting to be routed.", nullptr},
+    {"numFastTracked", value_kind::u64, true, "# Routed events", 13, "Events routed internally:",
+     "orvex_events_routed_total", metric_type::counter, "Events routed to a context.", nullptr},
+    {"numConsumers", value_kind::u32, true, "# Consumers", 14, "Number of consumers:",
+     "orvex_consumers", metric_type::gauge, "Consumers of output events.", nullptr},
+    {"numOutEventsQueued", value_kind::u32, true, "Output queue", 15, "Events on output queue:",
+     "orvex_output_queue_events", metric_type::gauge, "Output events waiting to be sent.", nullptr},
+    {"numEmits", value_kind::u64, true, "# Created output events", 16, "Output events created:",
+     "orvex_output_events_created_total", metric_type::counter, "Output events created.", nullptr},
+    {"numOutEventsSent", value_kind::u64, true, "# Sent output events", 17, "Output events sent:",
+     "orvex_output_events_sent_total", metric_type::counter, "Output events sent.", nullptr},
+    {"persistenceNumSnapshots", value_kind::text, true, nullptr, 19, "Number of persistent snapshots:",
+     "orvex_persistence_info", metric_type::info, "The engine's persistence, as its texts give it.", "snapshots"},
+    {"persistenceLastSnapshotTime", value_kind::text, true, nullptr, 20, "Last persistent snapshot time:",
+     "orvex_persistence_info", metric_type::info, nullptr, "last_snapshot_time"},
+    {"persistenceSnapshotWaitTimeEwmaMillis", value_kind::text, true, nullptr, 21, "Persistent snapshot wait time Millis (EWMA):",
+     "orvex_persistence_info", metric_type::info, nullptr, "snapshot_wait_ms_ewma"},
+    {"persistenceCommitTimeEwmaMillis", value_kind::text, true, nullptr, 22, "Persistent commit time Millis (EWMA):",
+     "orvex_persistence_info", metric_type::info, nullptr, "commit_ms_ewma"},
+    {"persistenceLastSnapshotRowsChangedEwma", value_kind::text, true, nullptr, 23, "Last persistent snapshot rows changed (EWMA):",
+     "orvex_persistence_info", metric_type::info, nullptr, "rows_changed_ewma"},
+    {"numProcessed", value_kind::u64, true, "# Processed events", 11, "Events processed:",
+     "orvex_events_processed_total", metric_type::counter, "Events processed.", nullptr},
+    {"mostBackedUpInputContext", value_kind::text, true, "Slowest context name", 24, "Slowest context name:",
+     "orvex_slowest_context_info", metric_type::info, "The context with the most events waiting.", "context"},
+    {"mostBackedUpICQueueSize", value_kind::u32, true, "Slowest context queue size", 25, "Slowest context queue size:",
+     "orvex_slowest_context_queue_events", metric_type::gauge, "Events waiting on the slowest context's queue.", nullptr},
+    {"slowestReceiver", value_kind::text, true, "Slowest receiver", 26, "Slowest receiver name:",
+     "orvex_slowest_receiver_info", metric_type::info, "The receiver with the most output events waiting.", "receiver"},
+    {"slowestReceiverQueueSize", value_kind::u32, true, "Slowest receiver queue", 27, "Slowest receiver queue size:",
+     "orvex_slowest_receiver_queue_events", metric_type::gauge, "Output events waiting for the slowest receiver.", nullptr},
+    {"numInputQueuedInput", value_kind::u32, false, nullptr, 18, "Events on input context queues:",
+     "orvex_context_queue_events", metric_type::gauge, "Events waiting on the contexts' input queues.", nullptr},
 };
+// clang-format on
 
 inline constexpr std::size_t statusKeyCount = std::size(statusCatalogue);
 
