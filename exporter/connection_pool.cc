@@ -1,0 +1,82 @@
+#include "connection_pool.h"
+
+#include <algorithm>
+
+#include "ovcommon/EngineException.h"
+
+namespace exporter {
+
+connection_pool::connection_pool(std::size_t capacity, std::chrono::milliseconds idleTime)
+    : capacity(capacity), idleTime(idleTime), janitor([this] { closeExpired(); }) {}
+
+connection_pool::~connection_pool() {
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    stop = true;
+  }
+  stopping.notify_all();
+  janitor.join();
+  for (const auto& [target, entry] : idle) close(entry.connection);
+}
+
+EngineManagement* connection_pool::take(const std::string& target) {
+  std::lock_guard<std::mutex> lock(mutex);
+  const auto found = idle.find(target);
+  if (found == idle.end()) return nullptr;
+  EngineManagement* connection = found->second.connection;
+  idle.erase(found);
+  return connection;
+}
+
+void connection_pool::giveBack(const std::string& target, EngineManagement* connection) {
+  EngineManagement* unwanted = connection;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (capacity > 0 && !idle.contains(target)) {
+      if (idle.size() == capacity) {
+        const auto oldest = std::min_element(idle.begin(), idle.end(), [](auto& a, auto& b) {
+          return a.second.since < b.second.since;
+        });
+        unwanted = oldest->second.connection;
+        idle.erase(oldest);
+      } else {
+        unwanted = nullptr;
+      }
+      idle.emplace(target, idle_connection{connection, clock_type::now()});
+    }
+  }
+  close(unwanted);
+}
+
+void connection_pool::close(EngineManagement* connection) {
+  if (connection == nullptr) return;
+  try {
+    com::orvex::engine::disconnectFromEngine(connection);
+  } catch (const com::orvex::EngineException&) {
+    // Closing is all that was wanted; there is nobody to tell.
+  }
+}
+
+std::size_t connection_pool::idleConnections() const {
+  std::lock_guard<std::mutex> lock(mutex);
+  return idle.size();
+}
+
+void connection_pool::closeExpired() {
+  std::unique_lock<std::mutex> lock(mutex);
+  while (!stop) {
+    stopping.wait_for(lock, std::min<std::chrono::milliseconds>(idleTime, std::chrono::seconds(1)));
+    std::vector<EngineManagement*> expired;
+    const auto now = clock_type::now();
+    std::erase_if(idle, [&](const auto& entry) {
+      const bool old = now - entry.second.since >= idleTime;
+      if (old) expired.push_back(entry.second.connection);
+      return old;
+    });
+    lock.unlock();
+    for (EngineManagement* connection : expired) close(connection);
+    lock.lock();
+  }
+}
+
+}  // namespace exporter

@@ -1,0 +1,68 @@
+#include "exporter_routes.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "exposition.h"
+
+namespace exporter {
+
+namespace {
+
+using ovhttp::reply;
+
+const char* const homePage =
+    "<html><head><title>vigilo-exporter</title></head><body>\n"
+    "<h1>vigilo-exporter</h1>\n"
+    "<p><a href=\"/metrics\">The exporter's own metrics</a></p>\n"
+    "<p>An engine's metrics: <a href=\"/probe?target=127.0.0.1:15903\">"
+    "/probe?target=HOST:PORT</a></p>\n"
+    "</body></html>\n";
+
+}  // namespace
+
+std::chrono::milliseconds probeTimeLimit(std::chrono::milliseconds probeTimeout,
+                                         const std::string& scrapeTimeoutHeader) {
+  double seconds = 0;
+  const char* begin = scrapeTimeoutHeader.data();
+  const char* end = begin + scrapeTimeoutHeader.size();
+  const auto [stop, ec] = std::from_chars(begin, end, seconds);
+  if (ec != std::errc() || stop != end || !(seconds > 0)) return probeTimeout;
+  const double margin = std::min(0.5, seconds / 2);
+  const auto scrape = std::chrono::milliseconds(static_cast<long long>((seconds - margin) * 1000));
+  return std::clamp(scrape, std::chrono::milliseconds(1), probeTimeout);
+}
+
+void installRoutes(ovhttp::bounded_server& server, prober& probes, const target_rules& allowed,
+                   std::chrono::milliseconds probeTimeout) {
+  server.Get("/", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(homePage, "text/html; charset=utf-8");
+  });
+  server.Get("/probe", [&probes, &allowed, probeTimeout](const httplib::Request& req,
+                                                         httplib::Response& res) {
+    if (!req.has_param("target")) return reply(res, 400, "no target: ask /probe?target=HOST:PORT");
+    const std::string text = req.get_param_value("target");
+    const auto t = parseTarget(text);
+    if (!t) return reply(res, 400, "bad target " + text + ": expected HOST:PORT");
+    const std::vector<std::string> addresses = allowed.allow(*t);
+    if (addresses.empty()) return reply(res, 403, "target " + text + " is not allowed");
+    const auto limit =
+        probeTimeLimit(probeTimeout, req.get_header_value("X-Prometheus-Scrape-Timeout-Seconds"));
+    const std::optional<std::string> metrics = probes.probe(*t, addresses, limit);
+    if (!metrics) {
+      res.set_header("Retry-After", "1");
+      return reply(res, 503, "too many probes at once");
+    }
+    res.set_content(*metrics, expositionType);
+  });
+  server.Get("/metrics", [&probes, &server](const httplib::Request&, httplib::Response& res) {
+    exporter_figures figures = probes.figures();
+    figures.httpConnections = server.openConnections();
+    std::string text;
+    appendExporterMetrics(text, figures);
+    res.set_content(text, expositionType);
+  });
+  for (const char* path : {"/", "/probe", "/metrics"}) ovhttp::allowOnly(server, path, "GET, HEAD");
+}
+
+}  // namespace exporter

@@ -1,0 +1,115 @@
+// Probes and kept connections against a scripted engine on loopback.
+#include "prober.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "testing/fake_engine.h"
+#include "testing/process.h"
+
+namespace exporter {
+namespace {
+
+using namespace std::chrono_literals;
+using vigilo::test_support::fake_engine;
+using vigilo::test_support::fake_reply;
+using vigilo::test_support::httpReply;
+using vigilo::test_support::statusReply;
+
+fake_reply engineAnswer(const std::string& path, int) {
+  return path == "/ping" ? httpReply(200, "OK", "pong") : statusReply({{"numProcessed", "42"}});
+}
+
+// The probe's text up to its duration, which varies.
+std::string withoutDuration(const std::string& text) {
+  return text.substr(0, text.rfind("orvex_probe_duration_seconds "));
+}
+
+const std::string downText =
+    "# HELP orvex_up Whether the engine answered the probe.\n"
+    "# TYPE orvex_up gauge\n"
+    "orvex_up 0\n"
+    "# HELP orvex_probe_duration_seconds How long the probe took.\n"
+    "# TYPE orvex_probe_duration_seconds gauge\n";
+
+struct ProberTest : ::testing::Test {
+  ProberTest() { com::orvex::engine::engineInit("prober_test"); }
+  ~ProberTest() override { com::orvex::engine::engineShutdown(); }
+  connection_pool pool{8, 60s};
+  prober probes{pool, 1};
+};
+
+TEST_F(ProberTest, KeepsOneConnectionAcrossProbes) {
+  fake_engine engine(engineAnswer);
+  const target t{"127.0.0.1", engine.port()};
+  for (int i = 0; i < 3; ++i) {
+    const auto text = probes.probe(t, {"127.0.0.1"}, 2s);
+    ASSERT_TRUE(text);
+    EXPECT_NE(text->find("\norvex_events_processed_total 42\n"), std::string::npos);
+    EXPECT_NE(text->find("\norvex_up 1\n"), std::string::npos);
+    if (i == 1) engine.closeConnections();  // as an engine closes an idle one
+  }
+  EXPECT_EQ(engine.connectionsAccepted(), 2);
+  // One /ping when the probe connects, one /status per probe; the client reopens a kept
+  // connection that the engine closed without asking again.
+  EXPECT_EQ(engine.requestsSeen(), 4);
+  const exporter_figures figures = probes.figures();
+  EXPECT_EQ(figures.successes, 3u);
+  EXPECT_EQ(figures.engineConnections, 1u);
+}
+
+TEST_F(ProberTest, TriesTheNextAddressAndAnswersDownWhenNoneAnswers) {
+  fake_engine engine(engineAnswer);
+  // ::1 refuses (the engine listens on 127.0.0.1 only), or the host has no ::1 at all.
+  const auto up = probes.probe({"localhost", engine.port()}, {"::1", "127.0.0.1"}, 2s);
+  EXPECT_NE(up->find("\norvex_up 1\n"), std::string::npos);
+
+  const unsigned short closed = vigilo::test_support::closedLoopbackPort();
+  EXPECT_EQ(withoutDuration(*probes.probe({"127.0.0.1", closed}, {"127.0.0.1"}, 2s)), downText);
+  EXPECT_EQ(probes.figures().failures, 1u);
+}
+
+TEST_F(ProberTest, SilentEngineEndsTheProbeInTimeAndOthersAreRefusedMeanwhile) {
+  fake_engine engine([](const std::string& path, int) {
+    return path == "/ping" ? httpReply(200, "OK", "pong") : fake_reply{.bytes = "", .silent = true};
+  });
+  const auto start = std::chrono::steady_clock::now();
+  auto slow = std::async(std::launch::async, [&] {
+    return probes.probe({"127.0.0.1", engine.port()}, {"127.0.0.1"}, 500ms);
+  });
+  while (engine.requestsSeen() < 2) std::this_thread::sleep_for(1ms);
+  EXPECT_FALSE(probes.probe({"127.0.0.1", engine.port()}, {"127.0.0.1"}, 500ms));
+  EXPECT_EQ(withoutDuration(*slow.get()), downText);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+  EXPECT_EQ(probes.figures().engineConnections, 0u);  // a failed connection is not kept
+}
+
+TEST(ConnectionPoolTest, BoundsAndExpiresIdleConnections) {
+  com::orvex::engine::engineInit("prober_test");
+  fake_engine engine(engineAnswer);
+  const auto connect = [&] {
+    return com::orvex::engine::connectToEngineWithin("127.0.0.1", engine.port(), {1000, 1000});
+  };
+  {
+    connection_pool pool(2, 200ms);
+    pool.giveBack("a", connect());
+    pool.giveBack("a", connect());  // a second one to the same target is closed
+    pool.giveBack("b", connect());
+    pool.giveBack("c", connect());  // beyond capacity: the longest idle, a's, is closed
+    EXPECT_EQ(pool.idleConnections(), 2u);
+    EXPECT_EQ(pool.take("a"), nullptr);
+    EngineManagement* c = pool.take("c");
+    ASSERT_NE(c, nullptr);
+    connection_pool::close(c);
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (pool.idleConnections() > 0 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(pool.idleConnections(), 0u);
+  }
+  com::orvex::engine::engineShutdown();
+}
+
+}  // namespace
+}  // namespace exporter

@@ -1,0 +1,51 @@
+// Which engines the exporter may probe. An exporter that connects wherever a request says is an
+// open relay into its network, so every target is checked against the allowed ones: names (any
+// port, or one), and address ranges (CIDR), which a target's every address must lie in. Without
+// rules only loopback targets are allowed.
+#ifndef VIGILO_EXPORTER_TARGETS_H_
+#define VIGILO_EXPORTER_TARGETS_H_
+
+#include <netinet/in.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace exporter {
+
+struct target {
+  std::string host;  // a name or an address, without brackets
+  unsigned short port = 0;
+};
+
+// "HOST:PORT" or "[IPv6]:PORT", a host of at most 253 bytes, port 1 to 65535; nothing else.
+std::optional<target> parseTarget(const std::string& text);
+
+class target_rules {
+ public:
+  // Adds one --allow-target value: "host", "host:port", or an address range "192.0.2.0/24",
+  // "2001:db8::/32" (a bare address is a range of one). False when it is none of these.
+  bool add(const std::string& rule);
+
+  // Where to connect for `t`, in order: its host when a name rule allows it, else its addresses
+  // when every one lies in an allowed range; none when the target is not allowed.
+  std::vector<std::string> allow(const target& t) const;
+
+ private:
+  struct range {
+    sockaddr_storage address{};
+    int prefix = 0;
+  };
+  struct name {
+    std::string host;
+    unsigned short port = 0;  // 0: any
+  };
+  bool inRanges(const sockaddr_storage& address) const;
+
+  std::vector<name> names;
+  std::vector<range> ranges;
+};
+
+}  // namespace exporter
+
+#endif  // VIGILO_EXPORTER_TARGETS_H_
