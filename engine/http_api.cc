@@ -102,14 +102,6 @@ void installRoutes(ovhttp::bounded_server& server, event_engine& engine, int por
   allowOnly(server, "/status", "GET");
   allowOnly(server, "/events", "POST");
   allowOnly(server, R"(/status/user/([^/]*))", "PUT, DELETE");
-
-  // Whatever reaches no route, and refusals by the HTTP library itself, get a reason too.
-  server.set_error_handler(
-      httplib::Server::HandlerWithResponse([](const httplib::Request& req, httplib::Response& res) {
-        if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
-        reply(res, res.status, res.status == 404 ? "no such resource " + req.path : "bad request");
-        return httplib::Server::HandlerResponse::Handled;
-      }));
 }
 
 }  // namespace ovengine

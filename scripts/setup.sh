@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcpp-httplib-dev libsimdjson-dev
   pkg-config git python3 valgrind curl procps
-  dpkg-dev fakeroot lintian man-db groff-base bash-completion gnuplot-nox systemd
+  dpkg-dev fakeroot lintian man-db groff-base bash-completion gnuplot-nox systemd prometheus
 )
 
 missing=()

@@ -159,23 +159,29 @@ run_result runProcess(const std::vector<std::string>& argv, const process_option
   return child_process(argv, options).finish(timeout);
 }
 
-engine_process::engine_process(const std::string& binary, const std::vector<std::string>& extra)
-    : child_process([&] {
-        std::vector<std::string> argv = {binary, "--port", "0"};
-        argv.insert(argv.end(), extra.begin(), extra.end());
-        return argv;
-      }()) {
-  const std::string banner = "ovengine listening on 127.0.0.1:";
+server_process::server_process(const std::vector<std::string>& argv, const std::string& name,
+                               std::chrono::milliseconds timeout)
+    : child_process(argv) {
+  const std::string banner = name + " listening on 127.0.0.1:";
   if (!waitFor(
           [&](const std::string& out, const std::string&) {
             return out.find('\n', out.find(banner)) != std::string::npos;
           },
-          std::chrono::seconds(10))) {
-    throw std::runtime_error("ovengine did not start: " + err());
+          timeout)) {
+    throw std::runtime_error(name + " did not start: " + err());
   }
   listenPort =
       static_cast<unsigned short>(std::stoi(out().substr(out().find(banner) + banner.size())));
 }
+
+engine_process::engine_process(const std::string& binary, const std::vector<std::string>& extra)
+    : server_process(
+          [&] {
+            std::vector<std::string> argv = {binary, "--port", "0"};
+            argv.insert(argv.end(), extra.begin(), extra.end());
+            return argv;
+          }(),
+          "ovengine") {}
 
 unsigned short closedLoopbackPort() {
   const int probe = socket(AF_INET, SOCK_STREAM, 0);

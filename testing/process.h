@@ -81,15 +81,22 @@ class child_process {
 run_result runProcess(const std::vector<std::string>& argv, const process_options& options = {},
                       std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
-// The ovengine at `binary`, started with --port 0 and `extra` on 127.0.0.1; the constructor
-// returns once it names its port (10 s at most, else it throws).
-class engine_process : public child_process {
+// A server started from `argv` that names its port on standard output as "`name` listening on
+// 127.0.0.1:PORT"; the constructor returns once it has (`timeout` at most, else it throws).
+class server_process : public child_process {
  public:
-  explicit engine_process(const std::string& binary, const std::vector<std::string>& extra = {});
+  server_process(const std::vector<std::string>& argv, const std::string& name,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
   unsigned short port() const { return listenPort; }
 
  private:
   unsigned short listenPort = 0;
+};
+
+// The ovengine at `binary`, started with --port 0 and `extra`.
+class engine_process : public server_process {
+ public:
+  explicit engine_process(const std::string& binary, const std::vector<std::string>& extra = {});
 };
 
 // A port of 127.0.0.1 that was free a moment ago, so that a connection to it is refused.

@@ -277,6 +277,13 @@ bounded_server::bounded_server(server_limits limits) : limits(limits) {
     closeAfterResponse();
     return httplib::Server::HandlerResponse::Handled;
   });
+  // Whatever reaches no route, and refusals by the HTTP library itself, get a reason too.
+  set_error_handler(
+      httplib::Server::HandlerWithResponse([](const httplib::Request& req, httplib::Response& res) {
+        if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        reply(res, res.status, res.status == 404 ? "no such resource " + req.path : "bad request");
+        return httplib::Server::HandlerResponse::Handled;
+      }));
 }
 
 bounded_server::~bounded_server() {
