@@ -64,8 +64,8 @@ TEST(ExporterOptionsTest, TakesBothFormsAndRefusesTheRest) {
 
 TEST(ExporterOptionsTest, ScrapeTimeoutShortensTheProbe) {
   const std::pair<std::string, long> cases[] = {
-      {"", 10000},  {"15", 10000}, {"10", 9500},  {"2.5", 2000},  {"0.8", 400},
-      {"0.001", 1}, {"0", 10000},  {"-3", 10000}, {"nan", 10000}, {"5s", 10000},
+      {"", 10000},  {"15", 10000}, {"10", 9500},   {"2.5", 2000}, {"0.8", 400},     {"0.001", 1},
+      {"0", 10000}, {"-3", 10000}, {"nan", 10000}, {"5s", 10000}, {"1e300", 10000},
   };
   for (const auto& [header, ms] : cases) {
     EXPECT_EQ(probeTimeLimit(milliseconds(10000), header).count(), ms) << header;

@@ -28,9 +28,10 @@ std::chrono::milliseconds probeTimeLimit(std::chrono::milliseconds probeTimeout,
   const char* end = begin + scrapeTimeoutHeader.size();
   const auto [stop, ec] = std::from_chars(begin, end, seconds);
   if (ec != std::errc() || stop != end || !(seconds > 0)) return probeTimeout;
+  // Clamped before the conversion: a header may say 1e300 seconds.
   const double margin = std::min(0.5, seconds / 2);
-  const auto scrape = std::chrono::milliseconds(static_cast<long long>((seconds - margin) * 1000));
-  return std::clamp(scrape, std::chrono::milliseconds(1), probeTimeout);
+  const double ms = std::clamp((seconds - margin) * 1000, 1.0, double(probeTimeout.count()));
+  return std::chrono::milliseconds(static_cast<long long>(ms));
 }
 
 void installRoutes(ovhttp::bounded_server& server, prober& probes, const target_rules& allowed,
