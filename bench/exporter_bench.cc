@@ -1,0 +1,241 @@
+// How far one vigilo-exporter goes: a fleet of N engines (scripted, all in this process, served by
+// one epoll thread so that the fleet costs little) is probed through a real vigilo-exporter, and
+// its probes per second and CPU per probe are printed beside the cost of running `vigilo -o` once
+// per engine, the way a fleet would be watched without the exporter.
+//
+//   build/bin/exporter_bench [N ...]      (default: 10 100 1000)
+#include <arpa/inet.h>
+#include <httplib.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "status/status_catalogue.h"
+#include "testing/fake_engine.h"
+#include "testing/process.h"
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+// N engines on loopback that answer /ping and /status on kept-alive connections, from one thread.
+class fleet {
+ public:
+  explicit fleet(int engines) {
+    std::vector<std::pair<std::string, std::string>> pairs;
+    for (const auto& key : com::orvex::engine::statusCatalogue)
+      pairs.emplace_back(key.key, "12345");
+    pairs.emplace_back("user-region", "emea");
+    status = vigilo::test_support::statusReply(pairs).bytes;
+    pong = vigilo::test_support::httpReply(200, "OK", "pong").bytes;
+    poller = epoll_create1(EPOLL_CLOEXEC);
+    for (int i = 0; i < engines; ++i) {
+      const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      socklen_t length = sizeof address;
+      if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd, 64) != 0) {
+        std::perror("fleet");
+        std::exit(1);
+      }
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+      ports.push_back(ntohs(address.sin_port));
+      listeners[fd] = true;
+      watch(fd);
+    }
+    server = std::thread([this] { serve(); });
+  }
+  ~fleet() {
+    stopping = true;
+    server.join();
+    for (const auto& [fd, listening] : listeners) close(fd);
+    for (const auto& [fd, unread] : pending) close(fd);
+    close(poller);
+  }
+  std::vector<unsigned short> ports;
+
+ private:
+  void watch(int fd) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    epoll_ctl(poller, EPOLL_CTL_ADD, fd, &event);
+  }
+
+  void serve() {
+    epoll_event events[256];
+    char buffer[4096];
+    while (!stopping) {
+      const int ready = epoll_wait(poller, events, 256, 100);
+      for (int i = 0; i < ready; ++i) {
+        const int fd = events[i].data.fd;
+        if (listeners.count(fd) != 0) {
+          const int client = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+          if (client >= 0) {
+            watch(client);
+            pending[client];
+          }
+          continue;
+        }
+        const ssize_t got = read(fd, buffer, sizeof buffer);
+        if (got <= 0) {
+          close(fd);
+          pending.erase(fd);
+          continue;
+        }
+        std::string& in = pending[fd];
+        in.append(buffer, static_cast<std::size_t>(got));
+        for (std::size_t end; (end = in.find("\r\n\r\n")) != std::string::npos;
+             in.erase(0, end + 4)) {
+          const std::string& answer = in.compare(0, 10, "GET /ping ") == 0 ? pong : status;
+          if (write(fd, answer.data(), answer.size()) < 0) break;
+        }
+      }
+    }
+  }
+
+  std::string status;
+  std::string pong;
+  int poller = -1;
+  std::map<int, bool> listeners;
+  std::map<int, std::string> pending;
+  std::atomic<bool> stopping{false};
+  std::thread server;
+};
+
+// CPU seconds (user + system) that process `pid` has used.
+double cpuSeconds(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  std::size_t at = text.rfind(')') + 2;
+  for (int field = 3; field < 14; ++field) at = text.find(' ', at) + 1;
+  const double ticks = std::strtod(text.c_str() + at, nullptr) +
+                       std::strtod(text.c_str() + text.find(' ', at) + 1, nullptr);
+  return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+double childrenCpuSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_CHILDREN, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+struct round_figures {
+  double probes = 0;
+  double seconds = 0;
+  double cpu = 0;
+  int failed = 0;
+
+  void add(const round_figures& r) {
+    probes += r.probes;
+    seconds += r.seconds;
+    cpu += r.cpu;
+    failed += r.failed;
+  }
+};
+
+// Every engine of the fleet probed once, by all the scrapers at once. Scrapers keep their
+// connections to the exporter from round to round, as Prometheus does.
+using scrapers = std::vector<std::unique_ptr<httplib::Client>>;
+round_figures probeAll(const fleet& engines, scrapers& clients, pid_t exporter) {
+  std::atomic<std::size_t> next{0};
+  std::atomic<int> failed{0};
+  const double cpuBefore = cpuSeconds(exporter);
+  const auto start = clock_type::now();
+  std::vector<std::thread> threads;
+  for (const auto& client : clients) {
+    threads.emplace_back([&] {
+      for (std::size_t i; (i = next++) < engines.ports.size();) {
+        const auto res = client->Get("/probe?target=127.0.0.1:" + std::to_string(engines.ports[i]));
+        if (!res || res->status != 200 || res->body.find("\norvex_up 1\n") == std::string::npos) {
+          ++failed;
+        }
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  return {static_cast<double>(engines.ports.size()),
+          std::chrono::duration<double>(clock_type::now() - start).count(),
+          cpuSeconds(exporter) - cpuBefore, failed.load()};
+}
+
+// The exporter's CPU is counted in clock ticks of 10 ms, so a figure of kept connections gathers
+// two seconds of probes, and one of new connections is shown only when it spans 20 ticks.
+constexpr double secondsPerFigure = 2;
+
+void print(int n, const char* round, const round_figures& f, double onceMs) {
+  if (f.cpu < 0.2) {
+    std::printf("%6d  %-8s %8.0f %10.0f %14s\n", n, round, f.probes, f.probes / f.seconds,
+                "(too few ticks)");
+    return;
+  }
+  const double cpuMs = f.cpu * 1000 / f.probes;
+  std::printf("%6d  %-8s %8.0f %10.0f %14.3f %9.1fx %16.0f%s\n", n, round, f.probes,
+              f.probes / f.seconds, cpuMs, onceMs / cpuMs, 15000 / cpuMs,
+              f.failed == 0 ? "" : ("  (" + std::to_string(f.failed) + " failed)").c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<int> sizes;
+  for (int i = 1; i < argc; ++i) sizes.push_back(std::atoi(argv[i]));
+  if (sizes.empty()) sizes = {10, 100, 1000};
+  const int clientCount = 8;
+
+  vigilo::test_support::server_process exporter(
+      {EXPORTER_BINARY, "--web.listen-address=127.0.0.1:0"}, "vigilo-exporter");
+
+  // One vigilo -o per engine: a process started, connected, fetched and ended each time.
+  fleet one(1);
+  const int runs = 50;
+  const double childrenBefore = childrenCpuSeconds();
+  const auto start = clock_type::now();
+  for (int i = 0; i < runs; ++i) {
+    vigilo::test_support::runProcess({VIGILO_BINARY, "-p", std::to_string(one.ports[0]), "-o"});
+  }
+  const double onceMs = (childrenCpuSeconds() - childrenBefore) * 1000 / runs;
+  const double onceWallMs =
+      std::chrono::duration<double, std::milli>(clock_type::now() - start).count() / runs;
+
+  std::printf("vigilo -o once per engine: %.2f ms CPU, %.2f ms wall each (%d runs)\n\n", onceMs,
+              onceWallMs, runs);
+  scrapers clients;
+  for (int c = 0; c < clientCount; ++c) {
+    clients.push_back(std::make_unique<httplib::Client>("127.0.0.1", exporter.port()));
+    clients.back()->set_keep_alive(true);
+  }
+  std::printf("%6s  %-8s %8s %10s %14s %10s %16s\n", "N", "round", "probes", "probes/s",
+              "CPU ms/probe", "vs -o", "engines/core@15s");
+  for (const int n : sizes) {
+    // A new fleet makes the exporter connect to every engine once; probing it again finds every
+    // connection kept.
+    const auto engines = std::make_unique<fleet>(n);
+    const round_figures connecting = probeAll(*engines, clients, exporter.pid());
+    print(n, "connect", connecting, onceMs);
+    round_figures kept;
+    while (kept.seconds < secondsPerFigure) {
+      kept.add(probeAll(*engines, clients, exporter.pid()));
+    }
+    print(n, "kept", kept, onceMs);
+  }
+  std::printf("\n(%d scrapers at once; the exporter keeps at most 4096 idle connections)\n",
+              clientCount);
+  return 0;
+}
