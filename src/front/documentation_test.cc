@@ -1,5 +1,6 @@
 // The documents say what the program does: the options of vigilo(1) are those of the usage
-// text, and the field tables of vigilo(1) and docs/fields.md are the status catalogue's.
+// text, and the field tables of vigilo(1) and docs/fields.md, and the column lists of
+// docs/fleet.md, are the status catalogue's.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -58,6 +59,28 @@ TEST(DocumentationTest, FieldTablesAreTheProgramsFields) {
             programFields(true));
   EXPECT_EQ(matches(readDocument("docs/man/vigilo.1.in"), R"(^(\d+);(\w+);(.*)$)"),
             programFields(false));
+}
+
+// The recipes of docs/fleet.md name the raw line's fields by position: Telegraf's column names and
+// types, and VictoriaMetrics's numeric columns, moved one to the right by the time in front.
+TEST(DocumentationTest, FleetRecipesNameTheRawFieldsByPosition) {
+  using namespace com::orvex::engine;
+  std::string names;
+  std::string types;
+  std::string format = "1:time:unix_ms";
+  int field = 0;
+  for (const status_key& row : statusCatalogue) {
+    if (!row.inRaw) continue;
+    ++field;
+    const bool text = row.kind == value_kind::text;
+    names += std::string(names.empty() ? "" : ", ") + "\"" + row.key + "\"";
+    types += std::string(types.empty() ? "" : ", ") + (text ? "\"string\"" : "\"int\"");
+    if (!text) format += "," + std::to_string(field + 1) + ":metric:" + row.key;
+  }
+  const std::string fleet = readDocument("docs/fleet.md");
+  EXPECT_EQ(matches(fleet, R"(^  csv_column_names = \[(.*)\]$)"), lines{names});
+  EXPECT_EQ(matches(fleet, R"(^  csv_column_types = \[(.*)\]$)"), lines{types});
+  EXPECT_EQ(matches(fleet, R"(&format=([^']*)'$)"), lines{format});
 }
 
 TEST(DocumentationTest, ManualOptionsAreTheUsageTextsOptions) {
