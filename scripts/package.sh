@@ -8,7 +8,7 @@ bash scripts/setup.sh
 {
   cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
     -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON
-  cmake --build build-package --target vigilo ovengine manual_pages package_changelog
+  cmake --build build-package --target vigilo ovengine vigilo-exporter manual_pages package_changelog
   rm -f build-package/package/*.deb
   (cd build-package && cpack -G DEB)
 } >&2

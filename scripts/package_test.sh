@@ -16,11 +16,13 @@ fail() {
 
 libdir=usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/vigilo
 listing=$(dpkg-deb -c "$deb" | awk '{print $6}')
-for path in usr/bin/vigilo usr/bin/ovengine usr/bin/vigilo-plot "$libdir/libovcommon.so" \
-  "$libdir/libovclient.so" usr/share/man/man1/vigilo.1.gz usr/share/man/man1/ovengine.1.gz \
-  usr/share/man/man1/vigilo-plot.1.gz usr/share/bash-completion/completions/vigilo \
+for path in usr/bin/vigilo usr/bin/ovengine usr/bin/vigilo-plot usr/bin/vigilo-exporter \
+  "$libdir/libovcommon.so" "$libdir/libovclient.so" usr/share/man/man1/vigilo.1.gz \
+  usr/share/man/man1/ovengine.1.gz usr/share/man/man1/vigilo-plot.1.gz \
+  usr/share/man/man1/vigilo-exporter.1.gz usr/share/bash-completion/completions/vigilo \
   usr/share/zsh/vendor-completions/_vigilo lib/systemd/system/vigilo@.service \
-  usr/lib/tmpfiles.d/vigilo.conf usr/share/doc/vigilo/copyright usr/share/doc/vigilo/fields.md; do
+  lib/systemd/system/vigilo-exporter.service usr/lib/tmpfiles.d/vigilo.conf \
+  usr/share/doc/vigilo/copyright usr/share/doc/vigilo/fields.md usr/share/doc/vigilo/fleet.md; do
   grep -qx "./$path" <<<"$listing" || fail "no $path in $deb"
 done
 
@@ -33,15 +35,21 @@ for page in "$root"/usr/share/man/man1/*.1.gz; do
   warnings=$(man --warnings -l "$page" 2>&1 >/dev/null)
   [ -z "$warnings" ] || fail "man --warnings -l $page: $warnings"
 done
-ldd "$root/usr/bin/vigilo" | grep -q "libovclient.so => $root/" ||
-  fail "the installed vigilo does not find its libraries: $(ldd "$root/usr/bin/vigilo")"
+for program in vigilo vigilo-exporter; do
+  ldd "$root/usr/bin/$program" | grep -q "libovclient.so => $root/" ||
+    fail "the installed $program does not find its libraries: $(ldd "$root/usr/bin/$program")"
+done
 
 if command -v systemd-analyze >/dev/null; then
   unit_dir=$(mktemp -d -p "$root")
   sed "s|/usr/bin/|$root/usr/bin/|" "$root/lib/systemd/system/vigilo@.service" \
     >"$unit_dir/vigilo@example.service"
-  verdict=$(systemd-analyze verify --man=no "$unit_dir/vigilo@example.service" 2>&1) ||
-    fail "systemd-analyze verify: $verdict"
+  sed "s|/usr/bin/|$root/usr/bin/|" "$root/lib/systemd/system/vigilo-exporter.service" \
+    >"$unit_dir/vigilo-exporter.service"
+  for unit in "$unit_dir/vigilo@example.service" "$unit_dir/vigilo-exporter.service"; do
+    verdict=$(systemd-analyze verify --man=no "$unit" 2>&1) ||
+      fail "systemd-analyze verify $unit: $verdict"
+  done
 else
   echo "package: no systemd-analyze on this machine, the unit is not verified" >&2
 fi
