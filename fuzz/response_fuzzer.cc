@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   body.reserve(body.size() + bodyPadding);
   std::string error;
   client_status::owned status = client_status::take();
-  if (!documents.read(body, body.capacity(), status->pairs, error)) return 0;
+  if (!documents.read(body, status->pairs, error)) return 0;
   EngineStatus record(status.release()->handOut());
   std::size_t seen = 0;
   for (auto it = record.begin(); it != record.end(); ++it) seen += it.key().size();

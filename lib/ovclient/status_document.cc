@@ -1,5 +1,6 @@
 #include "status_document.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 namespace com::orvex::client {
@@ -81,8 +82,8 @@ status_document_reader::status_document_reader() {
   if (parser.allocate(4096, maxDocumentDepth) != simdjson::SUCCESS) throw std::bad_alloc();
 }
 
-bool status_document_reader::read(std::string_view document, std::size_t capacity,
-                                  pair_table& pairs, std::string& error) {
+bool status_document_reader::read(std::string_view document, pair_table& pairs,
+                                  std::string& error) {
   pairs.clear();
   const auto fail = [&](std::string why) {
     error = std::move(why);
@@ -90,8 +91,11 @@ bool status_document_reader::read(std::string_view document, std::size_t capacit
     return false;
   };
   simdjson::dom::element root;
-  const bool padded = capacity >= document.size() + simdjson::SIMDJSON_PADDING;
-  if (const auto code = parser.parse(document.data(), document.size(), !padded).get(root)) {
+  if (padded.size() < document.size() + simdjson::SIMDJSON_PADDING) {
+    padded.resize(document.size() + simdjson::SIMDJSON_PADDING);
+  }
+  std::copy(document.begin(), document.end(), padded.begin());
+  if (const auto code = parser.parse(padded.data(), document.size(), false).get(root)) {
     return fail(syntaxError(document, code));
   }
   simdjson::dom::object object;

@@ -43,12 +43,15 @@ class status_document_reader {
  public:
   status_document_reader();
 
-  // Reads `document` into `pairs`, or returns false with `error` set. The document's buffer
-  // holds `capacity` bytes; with fewer than SIMDJSON_PADDING past the document, it is copied.
-  bool read(std::string_view document, std::size_t capacity, pair_table& pairs, std::string& error);
+  // Reads `document` into `pairs`, or returns false with `error` set.
+  bool read(std::string_view document, pair_table& pairs, std::string& error);
 
  private:
   simdjson::dom::parser parser;
+  // The document with the padding that simdjson reads past its end. The padding is always
+  // initialised: the spare capacity of the caller's buffer is not, and a memory checker sees
+  // the parser's branches on it.
+  std::vector<char> padded;
 };
 
 }  // namespace com::orvex::client

@@ -23,7 +23,7 @@ bool read(const std::string& document, text_pairs& seen, std::string& error) {
   static status_document_reader reader;
   pair_table table;
   table.add("stale", "pair");
-  const bool ok = reader.read(document, document.capacity(), table, error);
+  const bool ok = reader.read(document, table, error);
   seen.clear();
   for (std::size_t i = 0; i < table.size(); ++i) seen.emplace_back(table.key(i), table.value(i));
   return ok;
