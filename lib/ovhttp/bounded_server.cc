@@ -292,12 +292,17 @@ bounded_server::~bounded_server() {
 }
 
 bool bounded_server::serve() {
-  serving = true;
-  bool accepted = true;
-  if (!stopping) {
+  bool start = false;
+  {
+    std::lock_guard<std::mutex> lock(startMutex);
+    serving = true;
+    start = !stopping;
     // The library listens with a backlog of 5: a burst of new clients would wait on SYN retries.
     // Listening again on the bound socket only raises the backlog.
-    ::listen(svr_sock_, SOMAXCONN);
+    if (start) ::listen(svr_sock_, SOMAXCONN);
+  }
+  bool accepted = true;
+  if (start) {
     watcher = std::thread([this] { watch(); });
     accepted = listen_after_bind();
   }
@@ -317,6 +322,7 @@ void bounded_server::shutdown() {
     std::lock_guard<std::mutex> lock(mutex);
     workAvailable.notify_all();
   }
+  { std::lock_guard<std::mutex> lock(startMutex); }  // serve() has listened, or never will
   // A stop that came before the server listens would find nothing to stop.
   while (serving && !is_running()) {
     std::this_thread::sleep_for(milliseconds(1));

@@ -96,6 +96,9 @@ class bounded_server : public httplib::Server {
   std::atomic<bool> stopping{false};
   std::atomic<bool> serving{false};
   std::atomic<std::size_t> open{0};
+  // Orders serve()'s own use of the listening socket before a shutdown() that closes it: the
+  // library's own flag for that is invisible to the thread sanitizer.
+  std::mutex startMutex;
 
   std::mutex mutex;
   std::vector<connection_ptr> handedToWatcher;
