@@ -48,22 +48,11 @@ std::string value(const pairs& p, const std::string& key) {
 
 std::uint64_t number(const pairs& p, const std::string& key) { return std::stoull(value(p, key)); }
 
-TEST(OvengineTest, StatusHasEveryCatalogueKeyAndNothingElse) {
-  running_engine engine({"--contexts", "3"});
-  const pairs status = engine.status();
-  ASSERT_EQ(status.size(), std::size(com::orvex::engine::statusCatalogue));
-  for (const auto& row : com::orvex::engine::statusCatalogue) {
-    EXPECT_NE(value(status, row.key), "<missing>") << row.key;
-  }
-  EXPECT_EQ(value(status, "numContexts"), "3");
-  const auto info = nlohmann::json::parse(engine.client.Get("/info")->body);
-  EXPECT_EQ(info.at("pid"), engine.pid());
-}
-
-// Every snapshot is consistent whenever it is taken, and in the end every event has gone all the
-// way through.
+// Every snapshot holds the catalogue's keys and is consistent whenever it is taken, and in the
+// end every event has gone all the way through.
 TEST(OvengineTest, CountersFollowPostedEvents) {
   running_engine engine({"--contexts", "3"});
+  EXPECT_EQ(engine.status().size(), std::size(com::orvex::engine::statusCatalogue));
   std::string body;
   for (int i = 0; i < 3000; ++i) body += "Trade(id=" + std::to_string(i) + ")\nQuote()\nOrder()\n";
   const auto res = engine.client.Post("/events", body, "text/plain");
@@ -87,6 +76,7 @@ TEST(OvengineTest, CountersFollowPostedEvents) {
     EXPECT_EQ(value(status, key), "9000") << key;
   }
   EXPECT_EQ(value(status, "numEventTypes"), "3");
+  EXPECT_EQ(value(status, "numContexts"), "3");
   EXPECT_EQ(value(status, "numInputQueuedInput"), "0");
 }
 
