@@ -121,8 +121,7 @@ extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* mana
     }
     if (response.status / 100 != 2) throw std::runtime_error(answered("/status", response));
     client_status::owned status = client_status::take();
-    if (!management->reader.read(response.body, status->pairs,
-                                 management->why)) {
+    if (!management->reader.read(response.body, status->pairs, management->why)) {
       throw std::runtime_error("malformed status document: " + management->why);
     }
     return status.release()->handOut();
