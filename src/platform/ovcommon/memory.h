@@ -8,11 +8,12 @@
 // Non-zero when the environment variable ORVEX_MEMORY_TRACKING is "1".
 extern "C" int checkMemoryTrackingEnabled();
 
-// Add to the process's totals; they return the new total. Atomic, so any thread may count.
-extern "C" std::uint64_t countMemoryAllocated(std::uint64_t bytes);
-extern "C" std::uint64_t countMemoryFreed(std::uint64_t bytes);
+// Add to the process's totals. Any thread may count, and no count is lost.
+extern "C" void countMemoryAllocated(std::uint64_t bytes);
+extern "C" void countMemoryFreed(std::uint64_t bytes);
 
-// The totals so far.
+// The totals so far: exact for every count that happened before the call, such as those of a
+// thread that has been joined.
 std::uint64_t memoryAllocatedTotal();
 std::uint64_t memoryFreedTotal();
 
