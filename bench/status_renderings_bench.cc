@@ -16,15 +16,14 @@ using com::orvex::engine::EngineStatus;
 using vigilo::test_support::fake_status_log;
 using vigilo::test_support::fake_status_script;
 using vigilo::test_support::newFakeStatus;
-using vigilo::test_support::snapshot7;
 
 fake_status_script snapshotWithUsers() {
-  fake_status_script script = snapshot7(4294967295ULL, "orders-context");
+  vigilo::test_support::text_pairs pairs = vigilo::test_support::snapshot(4294967295ULL);
   for (int i = 0; i < 10; ++i) {
-    script.pairs.emplace_back("numContexts", "3");
-    script.pairs.emplace_back("user-key" + std::to_string(i), "value-" + std::to_string(i));
+    pairs.emplace_back("numContexts", "3");
+    pairs.emplace_back("user-key" + std::to_string(i), "value-" + std::to_string(i));
   }
-  return script;
+  return vigilo::test_support::scriptOf(pairs);
 }
 
 template <typename Render>

@@ -1,5 +1,6 @@
 #include "testing/fake_status.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 
@@ -19,8 +20,7 @@ fake_status* self(StatusOpaque* status) { return reinterpret_cast<fake_status*>(
 
 const char* handOut(fake_status* s, const std::optional<std::string>& text) {
   if (!text) return nullptr;
-  s->handedOut.push_back(*text);
-  return s->handedOut.back().c_str();
+  return s->handedOut.emplace_back(*text).c_str();
 }
 
 int getNextStatusPair(StatusOpaque* status, const char** key, const char** value,
@@ -45,15 +45,17 @@ int getNextStatusPair(StatusOpaque* status, const char** key, const char** value
 const char* getStatusString(StatusOpaque* status, const char* key) {
   fake_status* s = self(status);
   ++s->log->lookups;
-  const auto found = s->script.strings.find(key);
-  return found == s->script.strings.end() ? nullptr : handOut(s, found->second);
+  for (const auto& [k, v] : s->script.pairs) {
+    if (k == key) return handOut(s, v);
+  }
+  return nullptr;
 }
 
 std::int64_t getStatusInteger(StatusOpaque* status, const char* key) {
-  fake_status* s = self(status);
-  ++s->log->lookups;
-  const auto found = s->script.integers.find(key);
-  return found == s->script.integers.end() ? 0 : static_cast<std::int64_t>(found->second);
+  const char* text = getStatusString(status, key);
+  char* end = nullptr;
+  const std::uint64_t number = text == nullptr ? 0 : std::strtoull(text, &end, 10);
+  return end != nullptr && *end == '\0' ? static_cast<std::int64_t>(number) : 0;
 }
 
 void deleteStatus(StatusOpaque* status) {
@@ -72,16 +74,18 @@ const StatusFunctions fakeFunctions = statusFunctionsOf(
 
 }  // namespace
 
+fake_status_script scriptOf(const text_pairs& pairs) { return {{pairs.begin(), pairs.end()}}; }
+
 StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* log) {
   auto* s = new fake_status{{nullptr, &fakeFunctions}, script, log, {}, {}};
   if (log == nullptr) s->log = &s->ownLog;
   return &s->opaque;
 }
 
-std::vector<text_pair> walkStatus(StatusOpaque* status) {
+text_pairs walkStatus(StatusOpaque* status) {
   const auto next =
       reinterpret_cast<getNextStatusPair_fn>(status->functions->entries[getNextStatusPairEntry]);
-  std::vector<text_pair> pairs;
+  text_pairs pairs;
   const char* key = nullptr;
   const char* value = nullptr;
   for (std::uintptr_t handle = 0;;) {

@@ -1,10 +1,9 @@
-// Test support: a status object with the client library's layout whose contents a test scripts,
-// and whose every call is recorded in a log that outlives it.
+// Test support: a status object with the client library's layout whose pairs a test scripts, and
+// whose every call is counted in a log that outlives it.
 #ifndef VIGILO_TESTING_FAKE_STATUS_H_
 #define VIGILO_TESTING_FAKE_STATUS_H_
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -15,17 +14,18 @@
 namespace vigilo::test_support {
 
 using text_pair = std::pair<std::string, std::string>;
+using text_pairs = std::vector<text_pair>;
 
-// What the object holds. A key missing from `integers` reads 0, one missing from `strings` null.
+// The object's pairs in walk order; nullopt yields a null key or value. A lookup takes the first
+// pair of its key: a missing key reads null and 0, a value that is not a decimal number 0. The walk
+// ends by setting the handle to 0 and yielding nulls or, with `endWithEmptyKey`, by yielding an
+// empty key and leaving the handle as it is.
 struct fake_status_script {
-  std::map<std::string, std::uint64_t> integers;
-  std::map<std::string, std::optional<std::string>> strings;  // nullopt: the lookup yields null
-  // The walk's pairs; nullopt yields a null key or value for that step.
   std::vector<std::pair<std::optional<std::string>, std::optional<std::string>>> pairs;
-  // The walk ends by setting the handle to 0 and yielding nulls, or, when set, by yielding an
-  // empty key and leaving the handle as it is.
   bool endWithEmptyKey = false;
 };
+
+fake_status_script scriptOf(const text_pairs& pairs);
 
 struct fake_status_log {
   int lookups = 0;
@@ -37,11 +37,11 @@ struct fake_status_log {
 // A new status object, its calls counted in `log` when that is not null, released through its
 // deleteStatus entry, which first scribbles over every string it handed out: a kept pointer shows
 // up as garbage (and under ASan as a use after free).
-StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* log);
+StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* log = nullptr);
 
 // Every pair of any status object, walked through its table as a user of the client library
 // walks it; the strings are copies.
-std::vector<text_pair> walkStatus(StatusOpaque* status);
+text_pairs walkStatus(StatusOpaque* status);
 
 }  // namespace vigilo::test_support
 

@@ -1,6 +1,6 @@
 // ov_main and the watch in process, over a link-time fake of the engine client library: the order
-// of release, every failure row with its message and status, the log level, the one-time heading,
-// the framing of human-readable polls with their event rate, and Control-C during a fetch.
+// of release, every failure row with its message and status, the one-time heading, the framing of
+// human-readable polls with their event rate, and Control-C during a fetch.
 #include "front/ov_main.h"
 
 #include <gtest/gtest.h>
@@ -12,27 +12,16 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "front/settings.h"
 #include "ovcommon/EngineException.h"
-#include "ovcommon/log.h"
 #include "testing/expected_outputs.h"
 #include "testing/fake_client.h"
-#include "testing/param_name.h"
 #include "testing/process.h"
 
 namespace {
 
-using com::orvex::EngineException;
-using vigilo::test_support::fake_client;
-using vigilo::test_support::fake_fetch;
-using vigilo::test_support::fakeClient;
-using vigilo::test_support::raw7;
-using vigilo::test_support::rawHeading;
-using vigilo::test_support::run_result;
-using vigilo::test_support::text7;
+using namespace vigilo::test_support;
 using calls = std::vector<std::string>;
 
 // Runs ov_main with `args`, with std::cout and std::cerr captured. Each test runs one watch: its
@@ -40,9 +29,9 @@ using calls = std::vector<std::string>;
 // the same process would look like a leak.
 run_result runVigilo(std::vector<std::string> args) {
   vigilo::resetSettings();
-  static std::unique_ptr<vigilo::test_support::argument_vector> kept;  // the settings point here
+  static std::unique_ptr<argument_vector> kept;  // the settings point here
   args.insert(args.begin(), "vigilo");
-  kept = std::make_unique<vigilo::test_support::argument_vector>(std::move(args));
+  kept = std::make_unique<argument_vector>(std::move(args));
   std::ostringstream out, err;
   std::streambuf* savedOut = std::cout.rdbuf(out.rdbuf());
   std::streambuf* savedErr = std::cerr.rdbuf(err.rdbuf());
@@ -52,32 +41,34 @@ run_result runVigilo(std::vector<std::string> args) {
   return {out.str(), err.str(), status};
 }
 
-fake_fetch good(std::uint64_t processed,
-                std::vector<std::pair<std::string, std::string>> users = {}) {
-  fake_fetch fetch{vigilo::test_support::snapshot7(processed)};
-  for (auto& [key, value] : users) fetch.snapshot->pairs.emplace_back(key, value);
-  return fetch;
+fake_fetch good(std::uint64_t processed, const text_pairs& users = {}) {
+  text_pairs pairs = snapshot(processed);
+  pairs.insert(pairs.end(), users.begin(), users.end());
+  return {scriptOf(pairs)};
 }
 
 fake_fetch failing(const std::string& text) { return {std::nullopt, text}; }
 
 std::function<void()> throwing(const char* text) {
-  return [text] { throw EngineException(text); };
+  return [text] { throw com::orvex::EngineException(text); };
+}
+
+// The library's calls of a watch that made `fetches` fetches and released everything.
+calls watchOf(int fetches) {
+  calls seen = {"init vigilo", "connect localhost:15903"};
+  seen.insert(seen.end(), fetches, "fetch");
+  seen.insert(seen.end(), {"disconnect", "shutdown"});
+  return seen;
 }
 
 class OvMainTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    fakeClient() = fake_client{};
-    com::orvex::setLogLevel(com::orvex::LogLevel::warning);
-  }
+  void SetUp() override { fakeClient() = fake_client{}; }
   // Every snapshot handed out was deleted exactly once.
   void TearDown() override {
     EXPECT_EQ(fakeClient().statusLog.deletes, fakeClient().snapshotsHandedOut);
   }
 };
-
-const calls fullRun = {"init vigilo", "connect localhost:15903", "fetch", "disconnect", "shutdown"};
 
 TEST_F(OvMainTest, ReleasesFileThenWatcherThenConnectionThenLibrary) {
   const std::string path = ::testing::TempDir() + "/vigilo_release_order.csv";
@@ -92,150 +83,107 @@ TEST_F(OvMainTest, ReleasesFileThenWatcherThenConnectionThenLibrary) {
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "vigilo starting...\nvigilo done\n");
-  EXPECT_EQ(fakeClient().calls, fullRun);
-  EXPECT_EQ(fileAtDisconnect, raw7("42") + "\n");
+  EXPECT_EQ(fakeClient().calls, watchOf(1));
+  EXPECT_EQ(fileAtDisconnect, rawLine(42) + "\n");
   EXPECT_EQ(errAtDisconnect, result.err);
   std::remove(path.c_str());
 }
 
-struct level_case {
+struct run_case {
   const char* name;
   std::vector<std::string> args;
-  bool info, debug;
-};
-
-class LogLevelTest : public OvMainTest, public ::testing::WithParamInterface<level_case> {};
-
-TEST_P(LogLevelTest, IsSetBeforeTheLibraryStarts) {
-  fakeClient().fetches = {good(0)};
-  bool info = false, debug = false;
-  fakeClient().onInit = [&] {
-    info = com::orvex::logEnabled(com::orvex::LogLevel::info);
-    debug = com::orvex::logEnabled(com::orvex::LogLevel::debug);
-  };
-  runVigilo(GetParam().args);
-  EXPECT_EQ(info, GetParam().info);
-  EXPECT_EQ(debug, GetParam().debug);
-}
-
-INSTANTIATE_TEST_SUITE_P(Verbosity, LogLevelTest,
-                         ::testing::Values(level_case{"quiet", {"-o"}, false, false},
-                                           level_case{"verbose", {"-o", "-v"}, true, false},
-                                           level_case{"debug", {"-o", "-v", "-v"}, true, true}),
-                         vigilo::test_support::paramName);
-
-struct failure_row {
-  const char* name;
-  std::vector<std::string> args;
-  void (*script)(fake_client&);
+  std::function<void(fake_client&)> script;
   int status;
-  std::string err;
+  std::string out, err;
   calls seen;
-  std::string out = "";
 };
 
-class FailureTest : public OvMainTest, public ::testing::WithParamInterface<failure_row> {};
+void PrintTo(const run_case& c, std::ostream* os) { *os << c.name; }
 
-TEST_P(FailureTest, ReportsAndReleasesWhatWasAcquired) {
+class RunTest : public OvMainTest, public ::testing::WithParamInterface<run_case> {};
+
+TEST_P(RunTest, WritesExactlyThis) {
   fakeClient().fetches = {good(0)};
   GetParam().script(fakeClient());
   const auto result = runVigilo(GetParam().args);
   EXPECT_EQ(result.status, GetParam().status);
-  EXPECT_EQ(result.err, GetParam().err);
   EXPECT_EQ(result.out, GetParam().out);
+  EXPECT_EQ(result.err, GetParam().err);
   EXPECT_EQ(fakeClient().calls, GetParam().seen);
 }
 
+const std::string noRate = "\nEvent rate over last interval: -\n\n";
+const std::string controlC = "Control-C to exit...\n";
+const calls connectFailed = {"init vigilo", "connect localhost:15903", "shutdown"};
+const calls disconnected = {"init vigilo", "connect localhost:15903", "fetch", "disconnect"};
+
 // clang-format off
-INSTANTIATE_TEST_SUITE_P(
-    Rows, FailureTest,
-    ::testing::Values(
-        failure_row{"init_throws", {"-o"},
-                    [](fake_client& f) { f.onInit = throwing("no licence"); },
-                    1, "Failed to initialise engine library: no licence\n", {"init vigilo"}},
-        failure_row{"init_throws_other", {"-o"},
-                    [](fake_client& f) { f.onInit = [] { throw std::runtime_error("x"); }; },
-                    1, "Failed to initialise engine library: Caught non-engine exception in main()\n",
-                    {"init vigilo"}},
-        failure_row{"connect_throws", {"-o", "-p", "8080", "-n", "engine"},
-                    [](fake_client& f) { f.onConnect = throwing("Connection refused"); },
-                    1, "Failed to connect to engine: Connection refused\n",
-                    {"init vigilo", "connect engine:8080", "shutdown"}},
-        failure_row{"connect_returns_null", {"-o"},
-                    [](fake_client& f) { f.connectReturnsNull = true; },
-                    1, "Failed to connect to engine: Failed to connect to engine\n",
-                    {"init vigilo", "connect localhost:15903", "shutdown"}},
-        failure_row{"file_in_missing_directory", {"-o", "-f", "/nonexistent-dir/out.txt"},
-                    [](fake_client&) {},
-                    2, "Failed to open file: /nonexistent-dir/out.txt\n",
-                    {"init vigilo", "connect localhost:15903", "disconnect", "shutdown"}},
-        failure_row{"fetch_fails", {"-o", "-v"},
-                    [](fake_client& f) { f.fetches = {failing("engine said no")}; },
-                    2, "vigilo starting...\nvigilo done\nStatus monitor failed: engine said no\n",
-                    fullRun},
-        failure_row{"heading_fetch_fails_writes_nothing", {"-o", "-r", "-t"},
-                    [](fake_client& f) { f.fetches = {failing("gone")}; },
-                    2, "Status monitor failed: gone\n", fullRun},
-        failure_row{"later_fetch_fails", {"-r", "-i", "0"},
-                    [](fake_client& f) { f.fetches = {good(5), failing("lost")}; },
-                    2, "Control-C to exit...\nStatus monitor failed: lost\n",
-                    {"init vigilo", "connect localhost:15903", "fetch", "fetch", "disconnect",
-                     "shutdown"},
-                    raw7("5") + "\n"},
-        failure_row{"disconnect_throws", {"-o", "-r"},
-                    [](fake_client& f) { f.onDisconnect = throwing("socket stuck"); },
-                    0, "Failed to disconnect from engine: socket stuck\n",
-                    {"init vigilo", "connect localhost:15903", "fetch", "disconnect"},
-                    raw7("0") + "\n"},
-        failure_row{"shutdown_throws_other", {"-o", "-r"},
-                    [](fake_client& f) { f.onShutdown = [] { throw std::logic_error("x"); }; },
-                    0, "Failed to shutdown engine library: Caught non-engine exception in main()\n",
-                    fullRun, raw7("0") + "\n"},
-        failure_row{"fetch_and_disconnect_fail", {"-o"},
-                    [](fake_client& f) {
-                      f.fetches = {failing("boom")};
-                      f.onDisconnect = throwing("stuck");
-                    },
-                    2, "Status monitor failed: boom\nFailed to disconnect from engine: stuck\n",
-                    {"init vigilo", "connect localhost:15903", "fetch", "disconnect"}}),
-    vigilo::test_support::paramName);
+INSTANTIATE_TEST_SUITE_P(Rows, RunTest, ::testing::Values(
+    run_case{"init_throws", {"-o"}, [](fake_client& f) { f.onInit = throwing("no licence"); },
+             1, "", "Failed to initialise engine library: no licence\n", {"init vigilo"}},
+    run_case{"init_throws_other", {"-o"},
+             [](fake_client& f) { f.onInit = [] { throw std::runtime_error("x"); }; }, 1, "",
+             "Failed to initialise engine library: Caught non-engine exception in main()\n",
+             {"init vigilo"}},
+    run_case{"connect_throws", {"-o", "-p", "8080", "-n", "engine"},
+             [](fake_client& f) { f.onConnect = throwing("Connection refused"); }, 1, "",
+             "Failed to connect to engine: Connection refused\n",
+             {"init vigilo", "connect engine:8080", "shutdown"}},
+    run_case{"connect_returns_null", {"-o"}, [](fake_client& f) { f.connectReturnsNull = true; },
+             1, "", "Failed to connect to engine: Failed to connect to engine\n", connectFailed},
+    run_case{"file_in_missing_directory", {"-o", "-f", "/nonexistent-dir/out.txt"},
+             [](fake_client&) {}, 2, "", "Failed to open file: /nonexistent-dir/out.txt\n",
+             {"init vigilo", "connect localhost:15903", "disconnect", "shutdown"}},
+    run_case{"fetch_fails", {"-o", "-v"}, [](fake_client& f) { f.fetches = {failing("no")}; }, 2,
+             "", "vigilo starting...\nvigilo done\nStatus monitor failed: no\n", watchOf(1)},
+    run_case{"heading_fetch_fails_writes_nothing", {"-o", "-r", "-t"},
+             [](fake_client& f) { f.fetches = {failing("gone")}; }, 2, "",
+             "Status monitor failed: gone\n", watchOf(1)},
+    run_case{"disconnect_throws", {"-o", "-r"},
+             [](fake_client& f) { f.onDisconnect = throwing("socket stuck"); }, 0,
+             rawLine(0) + "\n", "Failed to disconnect from engine: socket stuck\n", disconnected},
+    run_case{"shutdown_throws_other", {"-o", "-r"},
+             [](fake_client& f) { f.onShutdown = [] { throw std::logic_error("x"); }; }, 0,
+             rawLine(0) + "\n",
+             "Failed to shutdown engine library: Caught non-engine exception in main()\n",
+             watchOf(1)},
+    run_case{"fetch_and_disconnect_fail", {"-o"},
+             [](fake_client& f) {
+               f.fetches = {failing("boom")};
+               f.onDisconnect = throwing("stuck");
+             },
+             2, "", "Status monitor failed: boom\nFailed to disconnect from engine: stuck\n",
+             disconnected},
+    // The heading comes from a snapshot of its own and is never repeated; each values line has
+    // the user columns of its own snapshot.
+    run_case{"heading_once", {"-r", "-t", "-a", "-i", "0"},
+             [](fake_client& f) {
+               f.fetches = {good(0, {{"user-a", "A0"}}), good(1, {{"user-a", "A1"}}),
+                            good(2, {{"user-a", "A2"}, {"my-user-b", "B2"}}), failing("end")};
+             },
+             2, rawHeading + ",user-a\n" + rawLine(1) + ",A1\n" + rawLine(2) + ",A2,B2\n",
+             controlC + "Status monitor failed: end\n", watchOf(4)},
+    run_case{"heading_needs_raw_mode", {"-t", "-o"}, [](fake_client&) {}, 0,
+             statusText(0) + noRate, "", watchOf(1)},
+    // A human-readable poll is its text, the user lines, an empty line, the rate line and another
+    // empty line; with an interval of 0 there is never a rate.
+    run_case{"human_without_interval", {"-a", "-i", "0"},
+             [](fake_client& f) {
+               f.fetches = {good(0, {{"user-x", "5"}}), good(10), failing("end")};
+             },
+             2, statusText(0) + "user-x:                         5\n" + noRate + statusText(10) +
+                    noRate,
+             controlC + "Status monitor failed: end\n", watchOf(3)},
+    // The rate is taken over the configured interval (1000 events in 50 ms: 20000.00), not over
+    // the time that passed; a count that went backwards wraps around; the first poll has none.
+    run_case{"event_rate", {"-i", "50"},
+             [](fake_client& f) { f.fetches = {good(0), good(1000), good(500), failing("end")}; },
+             2, statusText(0) + noRate + statusText(1000) +
+                    "\nEvent rate over last interval: 20000.00 ev/s\n\n" + statusText(500) +
+                    "\nEvent rate over last interval: 368934881474191032320.00 ev/s\n\n",
+             controlC + "Status monitor failed: end\n", watchOf(4)}),
+    [](const auto& info) { return std::string(info.param.name); });
 // clang-format on
-
-// The heading comes from a snapshot of its own and is never repeated; the values lines follow
-// the user columns of their own snapshots.
-TEST_F(OvMainTest, HeadingIsWrittenOnce) {
-  fakeClient().fetches = {good(0, {{"user-a", "A0"}}), good(1, {{"user-a", "A1"}}),
-                          good(2, {{"user-a", "A2"}, {"my-user-b", "B2"}}), failing("end")};
-  const auto result = runVigilo({"-r", "-t", "-a", "-i", "0"});
-  EXPECT_EQ(result.out, rawHeading + ",user-a\n" + raw7("1") + ",A1\n" + raw7("2") + ",A2,B2\n");
-  EXPECT_EQ(result.status, 2);
-}
-
-TEST_F(OvMainTest, HeadingNeedsRawMode) {
-  fakeClient().fetches = {good(9)};
-  EXPECT_EQ(runVigilo({"-t", "-o"}).out, text7("9") + "\nEvent rate over last interval: -\n\n");
-  EXPECT_EQ(fakeClient().calls, fullRun);
-}
-
-// A human-readable poll is its text, the user lines, an empty line, the rate line and another
-// empty line; with an interval of 0 there is never a rate.
-TEST_F(OvMainTest, HumanReadablePollsWithoutInterval) {
-  fakeClient().fetches = {good(0, {{"user-x", "5"}}), good(10), failing("end")};
-  EXPECT_EQ(runVigilo({"-a", "-i", "0"}).out,
-            text7("0") +
-                "user-x:                         5\n\nEvent rate over last interval: -\n\n" +
-                text7("10") + "\nEvent rate over last interval: -\n\n");
-}
-
-// The rate is taken over the configured interval (1000 events in 50 ms: 20000.00), not over the
-// time that passed; a count that went backwards wraps around; the first poll has none.
-TEST_F(OvMainTest, EventRateOverTheConfiguredInterval) {
-  fakeClient().fetches = {good(0), good(1000), good(500), failing("end")};
-  EXPECT_EQ(runVigilo({"-i", "50"}).out,
-            text7("0") + "\nEvent rate over last interval: -\n\n" + text7("1000") +
-                "\nEvent rate over last interval: 20000.00 ev/s\n\n" + text7("500") +
-                "\nEvent rate over last interval: 368934881474191032320.00 ev/s\n\n");
-}
 
 // Control-C while a poll is being fetched: that poll is still written, the wait after it runs to
 // its deadline, and no further poll is made. Pressing it three times changes nothing.
@@ -249,8 +197,8 @@ TEST_P(ControlCTest, DuringAFetchEndsAfterTheNextWait) {
   fakeClient().fetches = {good(1), second, good(3)};
   const auto result = runVigilo({"-r", "-i", "200"});
   EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, "Control-C to exit...\n");
-  EXPECT_EQ(result.out, raw7("1") + "\n" + raw7("2") + "\n");
+  EXPECT_EQ(result.err, controlC);
+  EXPECT_EQ(result.out, rawLine(1) + "\n" + rawLine(2) + "\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(Presses, ControlCTest, ::testing::Values(1, 3));
