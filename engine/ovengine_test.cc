@@ -8,16 +8,15 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <thread>
 
 #include "status/status_catalogue.h"
 #include "testing/process.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using pairs = std::vector<std::pair<std::string, std::string>>;
 
 struct running_engine : vigilo::test_support::engine_process {
@@ -48,18 +47,57 @@ std::string value(const pairs& p, const std::string& key) {
 
 std::uint64_t number(const pairs& p, const std::string& key) { return std::stoull(value(p, key)); }
 
+// A connection of our own to the engine, for requests that an HTTP client library would not make.
+int connectTo(unsigned short port) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const timeval fiveSeconds{5, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &fiveSeconds, sizeof fiveSeconds);
+  EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  return fd;
+}
+
+// A request that asks the engine to close the connection after its answer.
+std::string request(const std::string& method, const std::string& path, const std::string& body,
+                    const std::string& headers = "") {
+  return method + " " + path + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n" + headers +
+         (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" +
+         body;
+}
+
+// Sends `bytes` on a connection of its own; "status body" of the answer, read to its close.
+std::string exchange(unsigned short port, const std::string& bytes) {
+  const int fd = connectTo(port);
+  (void)!send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  std::string in;
+  char buffer[65536];
+  for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) in.append(buffer, n);
+  close(fd);
+  const auto head = in.find("\r\n\r\n");
+  return head == std::string::npos ? in : in.substr(9, 4) + in.substr(head + 4);
+}
+
+std::string many(const std::string& text, int count) {
+  std::string all;
+  for (int i = 0; i < count; ++i) all += text;
+  return all;
+}
+
 // Every snapshot holds the catalogue's keys and is consistent whenever it is taken, and in the
 // end every event has gone all the way through.
 TEST(OvengineTest, CountersFollowPostedEvents) {
   running_engine engine({"--contexts", "3"});
   EXPECT_EQ(engine.status().size(), std::size(com::orvex::engine::statusCatalogue));
-  std::string body;
-  for (int i = 0; i < 3000; ++i) body += "Trade(id=" + std::to_string(i) + ")\nQuote()\nOrder()\n";
+  // Blank lines and CRs before line ends are passed over; a type may hold '_', '.' and digits.
+  const std::string body = many("Trade(id=1,qty=5)\r\nQuote()\n\nOrder()\n", 3000) + "_x.y2(a(b))";
   const auto res = engine.client.Post("/events", body, "text/plain");
   ASSERT_TRUE(res);
-  EXPECT_EQ(res->body, "accepted 9000 events\n");
+  EXPECT_EQ(res->body, "accepted 9001 events\n");
   pairs status;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
   do {
     status = engine.status();
     const auto n = [&](const char* key) { return number(status, key); };
@@ -70,85 +108,27 @@ TEST(OvengineTest, CountersFollowPostedEvents) {
     EXPECT_EQ(n("numEmits"), n("numProcessed"));
     EXPECT_LE(n("numOutEventsSent") + n("numOutEventsQueued"), n("numEmits"));
     EXPECT_LE(n("mostBackedUpICQueueSize"), n("numInputQueuedInput"));
-  } while (value(status, "numOutEventsSent") != "9000" &&
+  } while (value(status, "numOutEventsSent") != "9001" &&
            std::chrono::steady_clock::now() < deadline);
   for (const char* key : {"numReceived", "numFastTracked", "numProcessed", "numOutEventsSent"}) {
-    EXPECT_EQ(value(status, key), "9000") << key;
+    EXPECT_EQ(value(status, key), "9001") << key;
   }
-  EXPECT_EQ(value(status, "numEventTypes"), "3");
+  EXPECT_EQ(value(status, "numEventTypes"), "4");
   EXPECT_EQ(value(status, "numContexts"), "3");
   EXPECT_EQ(value(status, "numInputQueuedInput"), "0");
 }
 
-TEST(OvengineTest, UserStatusKeepsTheOrderItWasSetIn) {
-  running_engine engine({"--user-status", "region=emea", "--user-status", "tier=gold"});
-  EXPECT_EQ(engine.client.Put("/status/user/zone", "a,b", "text/plain")->status, 200);
-  EXPECT_EQ(engine.client.Put("/status/user/region", "apac", "text/plain")->status, 200);
-  EXPECT_EQ(engine.client.Delete("/status/user/tier")->status, 200);
-  const pairs status = engine.status();
-  EXPECT_EQ(pairs(status.end() - 2, status.end()),
-            (pairs{{"user-region", "apac"}, {"user-zone", "a,b"}}));
-}
-
-// A connection of our own to the engine, for requests that an HTTP client library would not make.
-struct raw_connection {
-  explicit raw_connection(unsigned short port) : fd(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const timeval fiveSeconds{5, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &fiveSeconds, sizeof fiveSeconds);
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  }
-  ~raw_connection() { close(fd); }
-
-  void send(const std::string& bytes) const {
-    (void)!::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  }
-
-  // "status body" of the next response.
-  std::string response() const {
-    std::string in;
-    char buffer[65536];
-    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) {
-      in.append(buffer, static_cast<std::size_t>(n));
-      const auto head = in.find("\r\n\r\n");
-      const auto length = in.find("Content-Length: ");
-      if (head != std::string::npos && length != std::string::npos &&
-          in.size() >= head + 4 + std::stoul(in.substr(length + 16))) {
-        break;
-      }
-    }
-    const auto head = in.find("\r\n\r\n");
-    return head == std::string::npos ? in : in.substr(9, 4) + in.substr(head + 4);
-  }
-
-  const int fd;
-};
-
-std::string request(const std::string& method, const std::string& path, const std::string& body,
-                    const std::string& headers = "") {
-  return method + " " + path + " HTTP/1.1\r\nHost: x\r\n" + headers +
-         (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" +
-         body;
-}
-
-std::string many(const std::string& text, int count) {
-  std::string all;
-  for (int i = 0; i < count; ++i) all += text;
-  return all;
-}
-
 TEST(OvengineTest, RefusesBadRequestsWithAOneLineReason) {
-  running_engine engine;
+  running_engine engine({"--user-status", "region=emea", "--user-status", "tier=gold"});
   std::string typeBeyondTheLimit;
   for (int i = 0; i <= 1000; ++i) typeBeyondTheLimit += "T" + std::to_string(i) + "()\n";
+  const std::string bad = "400 line 2: expected Type(fields)\n";
   const std::pair<std::string, std::string> cases[] = {
       {request("GET", "/nope", ""), "404 no such resource /nope\n"},
       {request("POST", "/status", "x"), "405 method POST not allowed on /status\n"},
-      {request("POST", "/events", "Trade(1)\nnot an event\n"),
-       "400 line 2: expected Type(fields)\n"},
+      {request("POST", "/events", "Trade(1)\nnot an event\n"), bad},
+      {request("POST", "/events", "Trade(1)\n9Trade(x)\n"), bad},
+      {request("POST", "/events", "Trade(1)\nTrade(x\n"), bad},
       {request("POST", "/events", std::string(65, 'T') + "()"),
        "400 line 1: event type too long\n"},
       {request("POST", "/events", "T(" + std::string(257, 'f') + ")"),
@@ -176,75 +156,56 @@ TEST(OvengineTest, RefusesBadRequestsWithAOneLineReason) {
       {request("DELETE", "/status/user/absent", ""), "404 no user status absent\n"},
   };
   for (const auto& [bytes, expected] : cases) {
-    SCOPED_TRACE(bytes.substr(0, 60));
-    raw_connection client(engine.port());
-    client.send(bytes);
-    EXPECT_EQ(client.response(), expected);
+    EXPECT_EQ(exchange(engine.port(), bytes), expected) << bytes.substr(0, 60);
   }
-  for (int i = 0; i < 100; ++i) {
+  // User values keep the order they were set in, up to the limit.
+  EXPECT_EQ(engine.client.Put("/status/user/zone", "a,b", "text/plain")->status, 200);
+  EXPECT_EQ(engine.client.Put("/status/user/region", "apac", "text/plain")->status, 200);
+  EXPECT_EQ(engine.client.Delete("/status/user/tier")->status, 200);
+  pairs status = engine.status();
+  EXPECT_EQ(pairs(status.end() - 2, status.end()),
+            (pairs{{"user-region", "apac"}, {"user-zone", "a,b"}}));
+  for (int i = 0; i < 98; ++i) {
     engine.client.Put("/status/user/k" + std::to_string(i), "v", "text/plain");
   }
   EXPECT_EQ(engine.client.Put("/status/user/one-more", "v", "text/plain")->body,
             "at most 100 user status values\n");
   // Nothing refused was counted, and the status document is still served.
-  const pairs status = engine.status();
+  status = engine.status();
   EXPECT_EQ(value(status, "numReceived"), "0");
   EXPECT_EQ(status.size(), std::size(com::orvex::engine::statusCatalogue) + 100);
 }
 
 // Idle and slow clients hold no worker: with hundreds of them connected, a new client is answered
-// at once, and a stop ends them all at once.
+// at once, and a stop ends them all at once, cleanly whichever signal it is.
 TEST(OvengineTest, IdleAndSlowClientsHoldNothingUp) {
-  running_engine engine;
-  std::vector<std::unique_ptr<raw_connection>> waiting;
-  for (int i = 0; i < 300; ++i) {
-    waiting.push_back(std::make_unique<raw_connection>(engine.port()));
-    if (i % 10 == 0) waiting.back()->send("GET /status HTTP/1.1\r\nHo");  // and never the rest
-  }
-  auto started = std::chrono::steady_clock::now();
-  raw_connection latecomer(engine.port());
-  latecomer.send(request("GET", "/ping", ""));
-  EXPECT_EQ(latecomer.response(), "200 pong\n");
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
-
-  started = std::chrono::steady_clock::now();
-  engine.signal(SIGTERM);
-  EXPECT_EQ(engine.finish(std::chrono::seconds(20)).status, 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
-}
-
-TEST(OvengineTest, StopsCleanlyOnSigtermAndSigint) {
   for (const int sig : {SIGTERM, SIGINT}) {
     running_engine engine({"--load", "20000"});
+    std::vector<int> waiting;
+    for (int i = 0; i < 300; ++i) {
+      waiting.push_back(connectTo(engine.port()));
+      if (i % 10 == 0) (void)!send(waiting.back(), "GET /status HTTP/1.1\r\nHo", 24, 0);
+    }
+    auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(exchange(engine.port(), request("GET", "/ping", "")), "200 pong\n");
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 1s);
+
+    started = std::chrono::steady_clock::now();
     engine.signal(sig);
-    const auto result = engine.finish(std::chrono::seconds(10));
+    const auto result = engine.finish(20s);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 1s);
     EXPECT_EQ(result.status, 0) << strsignal(sig) << result.err;
     EXPECT_EQ(result.out, "ovengine listening on 127.0.0.1:" + std::to_string(engine.port()) +
                               "\novengine stopped\n");
+    for (const int fd : waiting) close(fd);
   }
-}
-
-// The generator is paced by the clock: a busy machine can slow it down, never speed it up. So
-// events flow, and no snapshot counts more than the rate allows for the engine's uptime (plus one
-// 10 ms batch, which may land between the reading of the uptime and of the counters).
-TEST(OvengineTest, LoadNeverRunsAheadOfItsRate) {
-  running_engine engine({"--load", "5000"});
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  double received = 0;
-  while (received < 1000 && std::chrono::steady_clock::now() < deadline) {
-    const pairs status = engine.status();
-    received = static_cast<double>(number(status, "numReceived"));
-    const double uptimeMs = static_cast<double>(number(status, "uptime"));
-    EXPECT_LE(received, 5000 * (uptimeMs + 1) / 1000 + 50) << "at " << uptimeMs << " ms";
-  }
-  EXPECT_GE(received, 1000);
 }
 
 // More load than the engine can process: what it cannot take is dropped and counted, and no more
 // events are ever in flight than the bound allows.
 TEST(OvengineTest, AFloodIsBoundedAndCounted) {
   running_engine engine({"--load", "10000000", "--contexts", "1"});
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
   std::uint64_t dropped = 0;
   while (dropped == 0 && std::chrono::steady_clock::now() < deadline) {
     const pairs status = engine.status();

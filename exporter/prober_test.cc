@@ -12,26 +12,21 @@ namespace exporter {
 namespace {
 
 using namespace std::chrono_literals;
-using vigilo::test_support::fake_engine;
-using vigilo::test_support::fake_reply;
-using vigilo::test_support::httpReply;
-using vigilo::test_support::statusReply;
+using namespace vigilo::test_support;
 
 fake_reply engineAnswer(const std::string& path, int) {
   return path == "/ping" ? httpReply(200, "OK", "pong") : statusReply({{"numProcessed", "42"}});
 }
 
-// The probe's text up to its duration, which varies.
-std::string withoutDuration(const std::string& text) {
-  return text.substr(0, text.rfind("orvex_probe_duration_seconds "));
-}
-
+// A probe's text of an engine that did not answer, up to its duration, which varies.
 const std::string downText =
-    "# HELP orvex_up Whether the engine answered the probe.\n"
-    "# TYPE orvex_up gauge\n"
-    "orvex_up 0\n"
+    "# HELP orvex_up Whether the engine answered the probe.\n# TYPE orvex_up gauge\norvex_up 0\n"
     "# HELP orvex_probe_duration_seconds How long the probe took.\n"
     "# TYPE orvex_probe_duration_seconds gauge\n";
+
+std::string withoutDuration(const std::optional<std::string>& text) {
+  return text ? text->substr(0, text->rfind("orvex_probe_duration_seconds ")) : "refused";
+}
 
 struct ProberTest : ::testing::Test {
   ProberTest() { com::orvex::engine::engineInit("prober_test"); }
@@ -40,49 +35,44 @@ struct ProberTest : ::testing::Test {
   prober probes{pool, 1};
 };
 
+// One connection serves the probes of a target until the engine closes it. Where "::1" refuses
+// (the engine listens on 127.0.0.1 only, or the host has no ::1), the next address is tried.
 TEST_F(ProberTest, KeepsOneConnectionAcrossProbes) {
   fake_engine engine(engineAnswer);
-  const target t{"127.0.0.1", engine.port()};
   for (int i = 0; i < 3; ++i) {
-    const auto text = probes.probe(t, {"127.0.0.1"}, 2s);
+    const auto text = probes.probe({"localhost", engine.port()}, {"::1", "127.0.0.1"}, 2s);
     ASSERT_TRUE(text);
     EXPECT_NE(text->find("\norvex_events_processed_total 42\n"), std::string::npos);
     EXPECT_NE(text->find("\norvex_up 1\n"), std::string::npos);
     if (i == 1) engine.closeConnections();  // as an engine closes an idle one
   }
-  EXPECT_EQ(engine.connectionsAccepted(), 2);
   // One /ping when the probe connects, one /status per probe; the client reopens a kept
   // connection that the engine closed without asking again.
+  EXPECT_EQ(engine.connectionsAccepted(), 2);
   EXPECT_EQ(engine.requestsSeen(), 4);
-  const exporter_figures figures = probes.figures();
-  EXPECT_EQ(figures.successes, 3u);
-  EXPECT_EQ(figures.engineConnections, 1u);
+  EXPECT_EQ(probes.figures().successes, 3u);
+  EXPECT_EQ(probes.figures().engineConnections, 1u);
 }
 
-TEST_F(ProberTest, TriesTheNextAddressAndAnswersDownWhenNoneAnswers) {
-  fake_engine engine(engineAnswer);
-  // ::1 refuses (the engine listens on 127.0.0.1 only), or the host has no ::1 at all.
-  const auto up = probes.probe({"localhost", engine.port()}, {"::1", "127.0.0.1"}, 2s);
-  EXPECT_NE(up->find("\norvex_up 1\n"), std::string::npos);
-
-  const unsigned short closed = vigilo::test_support::closedLoopbackPort();
-  EXPECT_EQ(withoutDuration(*probes.probe({"127.0.0.1", closed}, {"127.0.0.1"}, 2s)), downText);
-  EXPECT_EQ(probes.figures().failures, 1u);
-}
-
-TEST_F(ProberTest, SilentEngineEndsTheProbeInTimeAndOthersAreRefusedMeanwhile) {
+// A probe ends within its time and answers the engine down; meanwhile, beyond the number of
+// probes at once, another is refused. A failed connection is not kept.
+TEST_F(ProberTest, AnEngineThatDoesNotAnswerIsDownInTime) {
+  const unsigned short closed = closedLoopbackPort();
+  EXPECT_EQ(withoutDuration(probes.probe({"127.0.0.1", closed}, {"127.0.0.1"}, 2s)), downText);
   fake_engine engine([](const std::string& path, int) {
-    return path == "/ping" ? httpReply(200, "OK", "pong") : fake_reply{.bytes = "", .silent = true};
+    return path == "/ping" ? httpReply(200, "OK", "pong") : fake_reply{"", false, true};
   });
   const auto start = std::chrono::steady_clock::now();
   auto slow = std::async(std::launch::async, [&] {
     return probes.probe({"127.0.0.1", engine.port()}, {"127.0.0.1"}, 500ms);
   });
   while (engine.requestsSeen() < 2) std::this_thread::sleep_for(1ms);
-  EXPECT_FALSE(probes.probe({"127.0.0.1", engine.port()}, {"127.0.0.1"}, 500ms));
-  EXPECT_EQ(withoutDuration(*slow.get()), downText);
+  EXPECT_EQ(withoutDuration(probes.probe({"127.0.0.1", engine.port()}, {"127.0.0.1"}, 500ms)),
+            "refused");
+  EXPECT_EQ(withoutDuration(slow.get()), downText);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-  EXPECT_EQ(probes.figures().engineConnections, 0u);  // a failed connection is not kept
+  EXPECT_EQ(probes.figures().failures, 2u);
+  EXPECT_EQ(probes.figures().engineConnections, 0u);
 }
 
 TEST(ConnectionPoolTest, BoundsAndExpiresIdleConnections) {

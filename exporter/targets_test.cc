@@ -9,17 +9,16 @@ TEST(TargetsTest, ParsesHostAndPortOnly) {
   const std::pair<std::string, std::string> good[] = {
       {"127.0.0.1:15903", "127.0.0.1 15903"},
       {"[::1]:1", "::1 1"},
-      {"engine-3.example.org:65535", "engine-3.example.org 65535"},
-  };
+      {"engine-3.example.org:65535", "engine-3.example.org 65535"}};
   for (const auto& [text, parsed] : good) {
     const auto t = parseTarget(text);
-    ASSERT_TRUE(t) << text;
-    EXPECT_EQ(t->host + " " + std::to_string(t->port), parsed);
+    EXPECT_EQ(t ? t->host + " " + std::to_string(t->port) : "refused", parsed);
   }
-  const std::string bad[] = {
-      "",           "host",    ":80",     "host:",  "host:0",
-      "host:65536", "host:8x", "host:-1", "::1:80", "[::1]",
-      "[]:80",      "[::1:80", "a b:80",  "a/b:80", std::string(254, 'a') + ":80"};
+  // clang-format off
+  const std::string bad[] = {"", "host", ":80", "host:", "host:0", "host:65536", "host:8x",
+                             "host:-1", "::1:80", "[::1]", "[]:80", "[::1:80", "a b:80", "a/b:80",
+                             std::string(254, 'a') + ":80"};
+  // clang-format on
   for (const std::string& text : bad) EXPECT_FALSE(parseTarget(text)) << text;
 }
 
@@ -66,9 +65,10 @@ TEST(TargetsTest, AllowsOnlyWhatTheRulesName) {
 }
 
 TEST(TargetsTest, RefusesMalformedRules) {
-  const std::string bad[] = {"",       "10.0.0.0/33", "10.0.0.0/", "10.0.0.0/8x", "::1/129",
-                             "host/8", "-rf",         "a b",       "host:0",      "host:80:80"};
-  for (const std::string& rule : bad) EXPECT_FALSE(target_rules().add(rule)) << rule;
+  for (const char* rule : {"", "10.0.0.0/33", "10.0.0.0/", "10.0.0.0/8x", "::1/129", "host/8",
+                           "-rf", "a b", "host:0", "host:80:80"}) {
+    EXPECT_FALSE(target_rules().add(rule)) << rule;
+  }
 }
 
 }  // namespace

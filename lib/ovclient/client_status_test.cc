@@ -65,26 +65,15 @@ TEST(ClientStatusTest, WalkEndsWithHandleZero) {
 }
 
 TEST(ClientStatusTest, NumbersReadAsDecimal64Bit) {
+  // clang-format off
   const std::pair<const char*, std::uint64_t> cases[] = {
-      {"0", 0},
-      {"42", 42},
-      {"4294967296", 4294967296ULL},
-      {"18446744073709551615", 18446744073709551615ULL},
-      {"-1", 18446744073709551615ULL},
-      {"-9223372036854775808", 9223372036854775808ULL},
-      {"-9223372036854775809", 0},
-      {"18446744073709551616", 0},
-      {"12abc", 0},
-      {" 12", 0},
-      {"+12", 0},
-      {"", 0},
-      {"-", 0},
-      {"orders", 0},
-  };
-  for (const auto& [text, number] : cases) {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(statusNumber(text), number);
-  }
+      {"0", 0}, {"42", 42}, {"4294967296", 4294967296ULL},
+      {"18446744073709551615", 18446744073709551615ULL}, {"-1", 18446744073709551615ULL},
+      {"-9223372036854775808", 9223372036854775808ULL}, {"-9223372036854775809", 0},
+      {"18446744073709551616", 0}, {"12abc", 0}, {" 12", 0}, {"+12", 0}, {"", 0}, {"-", 0},
+      {"orders", 0}};
+  // clang-format on
+  for (const auto& [text, number] : cases) EXPECT_EQ(statusNumber(text), number) << text;
 }
 
 }  // namespace

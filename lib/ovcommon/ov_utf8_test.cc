@@ -26,43 +26,19 @@ std::unique_ptr<char, decltype(&std::free)> convertIn(const char* lcAll, const c
 // refused: UTF-8 strictly (no overlongs, surrogates or code points past U+10FFFF), ASCII in "C",
 // and in a locale that does not exist.
 TEST(CstrToUTF8Test, KeepsWhatTheLocaleAllowsAndRefusesTheRest) {
-  const char* const utf8Valid[] = {
-      "",
-      "plain ascii",
-      "\x7f",
-      "caf\xc3\xa9",
-      "\xc2\x80",
-      "\xdf\xbf",  // U+0080, U+07FF
-      "\xe0\xa0\x80",
-      "\xed\x9f\xbf",  // U+0800, U+D7FF just below the surrogates
-      "\xee\x80\x80",
-      "\xef\xbf\xbf",  // U+E000 just above them, U+FFFF
-      "\xf0\x90\x80\x80",
-      "\xf4\x8f\xbf\xbf",  // U+10000, U+10FFFF
-  };
-  const char* const utf8Invalid[] = {
-      "\x80",
-      "\xc0\xaf",
-      "\xc1\xbf",
-      "\xe0\x9f\xbf",
-      "\xf0\x8f\xbf\xbf",  // stray, overlong
-      "\xed\xa0\x80",
-      "\xed\xbf\xbf",
-      "\xf4\x90\x80\x80",
-      "\xf5\x80\x80\x80",  // surrogates, > max
-      "\xff",
-      "\xfe",
-      "\xc3",
-      "\xe2\x82",  // never, truncated
-      "\xc3(",
-      "\xe2\x28\xa1",
-      "\xf0\x90\x80\x28",  // bad continuation
-  };
-  for (const char* text : utf8Valid) {
-    const auto converted = convertIn("C.UTF-8", text);
-    ASSERT_NE(converted, nullptr) << text;
-    EXPECT_STREQ(converted.get(), text);
-  }
+  // clang-format off
+  // U+0080, U+07FF, U+0800, U+D7FF and U+E000 on either side of the surrogates, U+FFFF, U+10000,
+  // U+10FFFF.
+  const char* const utf8Valid[] = {"", "plain ascii", "\x7f", "caf\xc3\xa9", "\xc2\x80", "\xdf\xbf",
+                                   "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80", "\xef\xbf\xbf",
+                                   "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"};
+  // Stray, overlong, surrogates, past U+10FFFF, never used, truncated, a bad continuation.
+  const char* const utf8Invalid[] = {"\x80", "\xc0\xaf", "\xc1\xbf", "\xe0\x9f\xbf",
+                                     "\xf0\x8f\xbf\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
+                                     "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff", "\xfe", "\xc3",
+                                     "\xe2\x82", "\xc3(", "\xe2\x28\xa1", "\xf0\x90\x80\x28"};
+  // clang-format on
+  for (const char* text : utf8Valid) EXPECT_STREQ(convertIn("C.UTF-8", text).get(), text) << text;
   for (const char* text : utf8Invalid) EXPECT_EQ(convertIn("C.UTF-8", text), nullptr) << text;
   for (const char* locale : {"C", "xx_NOWHERE.UTF-8"}) {
     EXPECT_STREQ(convertIn(locale, "--hostname").get(), "--hostname");

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/build_info.h"
@@ -43,35 +44,28 @@ const std::string usageText =
     "\n";
 // clang-format on
 
-struct cli_case {
-  std::vector<std::string> args;
-  int status;
-  std::string err;
-};
-
-class CommandLineTest : public ::testing::TestWithParam<cli_case> {};
-
-TEST_P(CommandLineTest, WritesExactlyThisAndExits) {
-  std::vector<std::string> argv = {VIGILO_BINARY};
-  argv.insert(argv.end(), GetParam().args.begin(), GetParam().args.end());
-  const auto result = vigilo::test_support::runProcess(argv, {{"LC_ALL=C.UTF-8"}});
-  EXPECT_EQ(result.status, GetParam().status);
-  EXPECT_EQ(result.err, GetParam().err);
-  EXPECT_EQ(result.out, "");
+// One process per outcome: help, version, a usage error, an argument that is not text.
+TEST(CommandLineTest, WritesExactlyThisAndExits) {
+  const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
+      {{"-h"}, 0, usageText},
+      {{"-V"}, 0, "vigilo v" + versionDetail + "\n"},
+      {{"-r", "-p", "70000"},
+       2,
+       usageText + "Column headings in raw mode excluding user columns are: \n" +
+           vigilo::test_support::rawHeading + "\n\nPort number must be between 1 and 65535\n\n"},
+      // A byte that UTF-8 never allows, after arguments that would end the process first.
+      {{"-f", "caf\xc3\xa9", "-V", "\xed\xa0\x80"},
+       1,
+       "Invalid characters for this locale on command line... exiting\n"},
+  };
+  for (const auto& [args, status, err] : cases) {
+    std::vector<std::string> argv = {VIGILO_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const auto result = vigilo::test_support::runProcess(argv, {{"LC_ALL=C.UTF-8"}});
+    EXPECT_EQ(result.status, status) << args[0];
+    EXPECT_EQ(result.err, err);
+    EXPECT_EQ(result.out, "");
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Outcomes, CommandLineTest,
-    ::testing::Values(
-        cli_case{{"-h"}, 0, usageText}, cli_case{{"-V"}, 0, "vigilo v" + versionDetail + "\n"},
-        cli_case{{"-r", "-p", "70000"},
-                 2,
-                 usageText + "Column headings in raw mode excluding user columns are: \n" +
-                     vigilo::test_support::rawHeading +
-                     "\n\nPort number must be between 1 and 65535\n\n"},
-        // A byte that UTF-8 never allows, after arguments that would end the process first.
-        cli_case{{"-f", "caf\xc3\xa9", "-V", "\xed\xa0\x80"},
-                 1,
-                 "Invalid characters for this locale on command line... exiting\n"}));
 
 }  // namespace

@@ -36,47 +36,30 @@ lines matches(const std::string& text, const std::string& pattern) {
   return found;
 }
 
-// Field, key, kind and heading of every field of the raw line, as the program writes them.
-lines programFields(bool withKind) {
+// The raw line's fields by position, as the program writes them, in each document's form: the
+// tables give field, key, kind and heading; the recipes name the fields and type them, and
+// VictoriaMetrics's numeric columns are moved one to the right by the time in front.
+TEST(DocumentationTest, FieldTablesAndRecipesAreTheProgramsFields) {
   using namespace com::orvex::engine;
-  lines fields;
+  lines table, manual;
+  std::string names, types, format = "1:time:unix_ms";
   int field = 0;
   for (const status_key& row : statusCatalogue) {
     if (!row.inRaw) continue;
-    const char* kind = row.kind == value_kind::u32   ? "u32"
-                       : row.kind == value_kind::u64 ? "u64"
-                                                     : "text";
-    fields.push_back(std::to_string(++field) + " " + row.key +
-                     (withKind ? std::string(" ") + kind : "") + " " +
-                     (row.rawHeading != nullptr ? row.rawHeading : "(none)"));
-  }
-  return fields;
-}
-
-TEST(DocumentationTest, FieldTablesAreTheProgramsFields) {
-  EXPECT_EQ(matches(readDocument("docs/fields.md"),
-                    R"(^\| (\d+) \| `(\w+)` \| (u32|u64|text) \| ([^|]*[^ |]) \|$)"),
-            programFields(true));
-  EXPECT_EQ(matches(readDocument("docs/man/vigilo.1.in"), R"(^(\d+);(\w+);(.*)$)"),
-            programFields(false));
-}
-
-// The recipes of docs/fleet.md name the raw line's fields by position: Telegraf's column names and
-// types, and VictoriaMetrics's numeric columns, moved one to the right by the time in front.
-TEST(DocumentationTest, FleetRecipesNameTheRawFieldsByPosition) {
-  using namespace com::orvex::engine;
-  std::string names;
-  std::string types;
-  std::string format = "1:time:unix_ms";
-  int field = 0;
-  for (const status_key& row : statusCatalogue) {
-    if (!row.inRaw) continue;
-    ++field;
     const bool text = row.kind == value_kind::text;
+    const std::string n = std::to_string(++field);
+    const std::string heading = row.rawHeading != nullptr ? row.rawHeading : "(none)";
+    const char* kind = text ? "text" : row.kind == value_kind::u32 ? "u32" : "u64";
+    table.push_back(n + " " + row.key + " " + kind + " " + heading);
+    manual.push_back(n + " " + row.key + " " + heading);
     names += std::string(names.empty() ? "" : ", ") + "\"" + row.key + "\"";
     types += std::string(types.empty() ? "" : ", ") + (text ? "\"string\"" : "\"int\"");
     if (!text) format += "," + std::to_string(field + 1) + ":metric:" + row.key;
   }
+  EXPECT_EQ(matches(readDocument("docs/fields.md"),
+                    R"(^\| (\d+) \| `(\w+)` \| (u32|u64|text) \| ([^|]*[^ |]) \|$)"),
+            table);
+  EXPECT_EQ(matches(readDocument("docs/man/vigilo.1.in"), R"(^(\d+);(\w+);(.*)$)"), manual);
   const std::string fleet = readDocument("docs/fleet.md");
   EXPECT_EQ(matches(fleet, R"(^  csv_column_names = \[(.*)\]$)"), lines{names});
   EXPECT_EQ(matches(fleet, R"(^  csv_column_types = \[(.*)\]$)"), lines{types});
