@@ -1,12 +1,14 @@
-// Test support: a scripted engine on loopback. A thread accepts connections on an ephemeral port
-// and answers each HTTP request with whatever the script returns for it: well-formed or broken
-// responses, a close after the answer, no answer at all, or bytes that keep trickling in.
+// Test support: a scripted engine on loopback. It accepts connections on an ephemeral port and
+// answers each HTTP request with whatever the script returns for it: well-formed or broken
+// responses, a close after the answer, no answer at all, or bytes that keep trickling in. Each
+// connection is served by a thread of its own.
 #ifndef VIGILO_TESTING_FAKE_ENGINE_H_
 #define VIGILO_TESTING_FAKE_ENGINE_H_
 
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -15,11 +17,10 @@
 namespace vigilo::test_support {
 
 struct fake_reply {
-  std::string bytes;        // sent as they are
-  bool closeAfter = false;  // then the connection is closed
-  bool silent = false;      // nothing is sent and the connection stays open
-  std::string trickle =
-      "";  // after `bytes`, sent again every 50 ms for as long as the client stays
+  std::string bytes;         // sent as they are
+  bool closeAfter = false;   // then the connection is closed
+  bool silent = false;       // nothing is sent and the connection stays open
+  std::string trickle = "";  // after `bytes`, sent every 50 ms for as long as the client stays
 };
 
 // A complete response with a Content-Length body.
@@ -30,7 +31,8 @@ fake_reply statusReply(const std::vector<std::pair<std::string, std::string>>& p
 
 class fake_engine {
  public:
-  // Called on the engine's thread for every request: its path and its number, counted from 0.
+  // Called for every request, on its connection's thread: its path and its number, counted
+  // from 0 over all connections.
   using script = std::function<fake_reply(const std::string& path, int request)>;
 
   // Listens on `address` ("127.0.0.1" or "::1") at an ephemeral port; throws when it cannot.
@@ -40,24 +42,21 @@ class fake_engine {
   unsigned short port() const { return listenPort; }
   int connectionsAccepted() const { return accepted; }
   int requestsSeen() const { return requests; }
-  // Closes every client connection, as an engine does with idle kept-alive ones; returns once
-  // they are closed.
+  // Closes every client connection, as an engine does with idle kept-alive ones.
   void closeConnections();
 
  private:
-  void run();
+  void serve(int fd);
 
-  script answer;
+  const script answer;
   int listenFd = -1;
-  int wakeFds[2] = {-1, -1};
   unsigned short listenPort = 0;
   std::atomic<int> accepted{0};
   std::atomic<int> requests{0};
   std::mutex mutex;
-  int closeRequests = 0;  // under `mutex`
-  std::atomic<int> closesDone{0};
-  std::atomic<bool> stopping{false};
-  std::thread thread;
+  std::set<int> clients;             // open connections, under `mutex`
+  std::vector<std::thread> servers;  // under `mutex`
+  std::thread acceptor;
 };
 
 }  // namespace vigilo::test_support

@@ -1,6 +1,6 @@
 // Test support: a next allocator that a test program loads ahead of the C library, so that the
-// program's entry points find it through RTLD_NEXT. It hands out blocks from a static arena,
-// never reuses them, and records every call with its arguments; it allocates nothing itself.
+// program's entry points find it through RTLD_NEXT. It records every call with its arguments and
+// hands it to the C library's own allocator, unless it has been told to fail.
 #ifndef VIGILO_TESTING_FAKE_NEXT_ALLOCATOR_H_
 #define VIGILO_TESTING_FAKE_NEXT_ALLOCATOR_H_
 

@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -28,14 +27,12 @@ argument_vector::argument_vector(std::vector<std::string> texts) : texts(std::mo
 
 child_process::child_process(const std::vector<std::string>& argv, const process_options& options) {
   std::map<std::string, std::string> vars;
-  for (char** e = environ; *e != nullptr; ++e)
-    vars[std::string(*e).substr(0, std::strcspn(*e, "="))] = *e;
+  for (char** e = environ; *e != nullptr; ++e) vars[std::string(*e, std::strcspn(*e, "="))] = *e;
   for (const auto& e : options.env) vars[e.substr(0, e.find('='))] = e;
   std::vector<std::string> env;
   for (const auto& [name, entry] : vars) env.push_back(entry);
 
-  int outPipe[2] = {-1, -1};
-  int errPipe[2] = {-1, -1};
+  int outPipe[2] = {-1, -1}, errPipe[2] = {-1, -1};
   const bool outToPipe = options.stdoutPath.empty();
   if ((outToPipe && pipe2(outPipe, O_CLOEXEC) != 0) || pipe2(errPipe, O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe");
@@ -61,15 +58,14 @@ child_process::child_process(const std::vector<std::string>& argv, const process
   posix_spawnattr_setsigdefault(&attr, &all);
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-  argument_vector args(argv);
-  argument_vector envp(std::move(env));
+  argument_vector args(argv), envp(std::move(env));
   const int rc = posix_spawn(&child, argv[0].c_str(), &actions, &attr, args.argv(), envp.argv());
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   if (outToPipe) close(outPipe[1]);
   close(errPipe[1]);
-  outFd = outPipe[0];
-  errFd = errPipe[0];
+  fds[0] = outPipe[0];
+  fds[1] = errPipe[0];
   if (rc != 0) {
     child = -1;
     throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(rc));
@@ -81,25 +77,7 @@ child_process::~child_process() {
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
   }
-  closeStdout();
-  if (errFd >= 0) close(errFd);
-}
-
-void child_process::pump(int timeoutMs) {
-  pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-  if (poll(fds, 2, timeoutMs) <= 0) return;  // negative descriptors are passed over
-  for (pollfd& p : fds) {
-    if (p.revents == 0) continue;
-    char buffer[65536];
-    const ssize_t got = read(p.fd, buffer, sizeof buffer);
-    int& fd = p.fd == outFd ? outFd : errFd;
-    if (got > 0) {
-      (p.fd == outFd ? outText : errText).append(buffer, static_cast<size_t>(got));
-    } else {
-      close(fd);
-      fd = -1;
-    }
-  }
+  for (int fd : fds) close(fd);  // a negative descriptor is refused harmlessly
 }
 
 bool child_process::waitFor(const std::function<bool(const std::string&, const std::string&)>& done,
@@ -108,8 +86,21 @@ bool child_process::waitFor(const std::function<bool(const std::string&, const s
   while (!done(outText, errText)) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0 || (outFd < 0 && errFd < 0)) return done(outText, errText);
-    pump(static_cast<int>(std::min<long>(left.count(), 5)));  // `done` may look beyond the pipes
+    if (left.count() <= 0 || (fds[0] < 0 && fds[1] < 0)) return done(outText, errText);
+    // At most 5 ms at a time: `done` may look beyond the pipes. Negative descriptors are skipped.
+    pollfd readable[2] = {{fds[0], POLLIN, 0}, {fds[1], POLLIN, 0}};
+    if (poll(readable, 2, static_cast<int>(std::min<long>(left.count(), 5))) <= 0) continue;
+    for (int i = 0; i < 2; ++i) {
+      if (readable[i].revents == 0) continue;
+      char buffer[65536];
+      const ssize_t got = read(fds[i], buffer, sizeof buffer);
+      if (got > 0) {
+        (i == 0 ? outText : errText).append(buffer, static_cast<std::size_t>(got));
+      } else {
+        close(fds[i]);
+        fds[i] = -1;
+      }
+    }
   }
   return true;
 }
@@ -127,8 +118,8 @@ bool child_process::waitUntilSleeping(std::chrono::milliseconds timeout) {
         // "PID (name) STATE ...": the state follows the last parenthesis.
         std::ifstream file(statPath);
         const std::string stat((std::istreambuf_iterator<char>(file)), {});
-        const auto close = stat.rfind(") ");
-        return close != std::string::npos && stat.compare(close + 2, 1, "S") == 0;
+        const auto end = stat.rfind(") ");
+        return end != std::string::npos && stat.compare(end + 2, 1, "S") == 0;
       },
       timeout);
 }
@@ -138,14 +129,14 @@ void child_process::signal(int sig) {
 }
 
 void child_process::closeStdout() {
-  if (outFd >= 0) close(outFd);
-  outFd = -1;
+  close(fds[0]);
+  fds[0] = -1;
 }
 
 run_result child_process::finish(std::chrono::milliseconds timeout) {
-  waitFor([this](const std::string&, const std::string&) { return outFd < 0 && errFd < 0; },
+  waitFor([this](const std::string&, const std::string&) { return fds[0] < 0 && fds[1] < 0; },
           timeout);
-  if (outFd >= 0 || errFd >= 0) kill(child, SIGKILL);  // still writing past the bound
+  if (fds[0] >= 0 || fds[1] >= 0) kill(child, SIGKILL);  // still writing past the bound
   int wstatus = 0;
   rusage usage{};
   wait4(child, &wstatus, 0, &usage);
@@ -163,15 +154,13 @@ server_process::server_process(const std::vector<std::string>& argv, const std::
                                std::chrono::milliseconds timeout)
     : child_process(argv) {
   const std::string banner = name + " listening on 127.0.0.1:";
-  if (!waitFor(
-          [&](const std::string& out, const std::string&) {
-            return out.find('\n', out.find(banner)) != std::string::npos;
-          },
-          timeout)) {
-    throw std::runtime_error(name + " did not start: " + err());
-  }
-  listenPort =
-      static_cast<unsigned short>(std::stoi(out().substr(out().find(banner) + banner.size())));
+  const auto named = [&](const std::string& out, const std::string&) {
+    const auto at = out.find(banner);
+    if (at == std::string::npos || out.find('\n', at) == std::string::npos) return false;
+    listenPort = static_cast<unsigned short>(std::stoi(out.substr(at + banner.size())));
+    return true;
+  };
+  if (!waitFor(named, timeout)) throw std::runtime_error(name + " did not start: " + err());
 }
 
 engine_process::engine_process(const std::string& binary, const std::vector<std::string>& extra)

@@ -13,15 +13,13 @@
 
 namespace vigilo::test_support {
 
-// An argument vector for code that takes (argc, argv), or an environment: owns its texts, and
-// argv() ends with a null pointer. The texts stay in place while the object lives, so settings
-// may point into them.
+// An argument vector for code that takes (argc, argv), or an environment: owns its texts, which
+// stay in place while it lives (settings may point into them); argv() ends with a null pointer.
 class argument_vector {
  public:
   explicit argument_vector(std::vector<std::string> texts);
   argument_vector(const argument_vector&) = delete;
   argument_vector& operator=(const argument_vector&) = delete;
-
   int argc() const { return static_cast<int>(texts.size()); }
   char** argv() { return pointers.data(); }
 
@@ -51,7 +49,6 @@ class child_process {
   child_process& operator=(const child_process&) = delete;
 
   pid_t pid() const { return child; }
-  const std::string& out() const { return outText; }
   const std::string& err() const { return errText; }
 
   // Reads output until done(out, err) holds; false when `timeout` passes first.
@@ -69,11 +66,8 @@ class child_process {
   run_result finish(std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
  private:
-  void pump(int timeoutMs);
-
   pid_t child = -1;
-  int outFd = -1;
-  int errFd = -1;
+  int fds[2] = {-1, -1};  // our ends of its stdout and stderr
   std::string outText;
   std::string errText;
 };

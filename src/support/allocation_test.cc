@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <ostream>
 
 #include "ovcommon/memory.h"
 #include "testing/fake_next_allocator.h"
@@ -19,21 +20,34 @@
 namespace {
 
 std::uint64_t headerOf(void* block) { return static_cast<std::uint64_t*>(block)[-1]; }
-std::size_t number(void* p) { return reinterpret_cast<std::uintptr_t>(p); }
+std::size_t number(const void* p) { return reinterpret_cast<std::uintptr_t>(p); }
 
-// What one call of the entry points asked of the next allocator, and what it counted.
+// What one call of the entry points asked of the next allocator first, what it got, and what the
+// call counted.
 struct observed {
-  std::size_t calls;
-  fake_next_call first;
+  int kind;
+  std::size_t first, second;
   std::uint64_t allocated, freed;
+  bool operator==(const observed&) const = default;
 };
+
+void PrintTo(const observed& o, std::ostream* os) {
+  *os << "kind " << o.kind << " (" << o.first << ", " << o.second << ") +" << o.allocated << " -"
+      << o.freed;
+}
+
+std::size_t calls = 0;       // of the next allocator, by the last observed call
+void* nextResult = nullptr;  // what the next allocator answered it first
 
 template <typename Call>
 observed observe(Call call) {
   const std::size_t mark = fakeNextCallCount();
   const std::uint64_t allocated = memoryAllocatedTotal(), freed = memoryFreedTotal();
   call();
-  return {fakeNextCallCount() - mark, fakeNextCallAt(mark), memoryAllocatedTotal() - allocated,
+  calls = fakeNextCallCount() - mark;
+  const fake_next_call first = calls > 0 ? fakeNextCallAt(mark) : fake_next_call{};
+  nextResult = first.result;
+  return {first.kind, first.first, first.second, memoryAllocatedTotal() - allocated,
           memoryFreedTotal() - freed};
 }
 
@@ -52,27 +66,15 @@ class TrackingRoute : public ::testing::Test {
 };
 
 TEST_F(PlainRoute, ForwardsEveryCallUnchangedAndCountsNothing) {
-  void* block = nullptr;
-  void* zeroed = nullptr;
-  observed o = observe([&] { block = malloc(100); });
-  EXPECT_EQ(o.first.kind, fakeMalloc);
-  EXPECT_EQ(o.first.first, 100u);
-  EXPECT_EQ(o.first.result, block);
-  o = observe([&] { zeroed = calloc(3, 10); });
-  EXPECT_EQ(o.first.kind, fakeCalloc);
-  EXPECT_EQ(o.first.first, 3u);
-  EXPECT_EQ(o.first.second, 10u);
-  EXPECT_EQ(o.first.result, zeroed);
-  void* moved = nullptr;
-  o = observe([&] { moved = realloc(block, 50); });
-  EXPECT_EQ(o.first.kind, fakeRealloc);
-  EXPECT_EQ(o.first.first, number(block));
-  EXPECT_EQ(o.first.second, 50u);
+  void *block = nullptr, *zeroed = nullptr, *moved = nullptr;
+  EXPECT_EQ(observe([&] { block = malloc(100); }), (observed{fakeMalloc, 100, 0, 0, 0}));
+  EXPECT_EQ(block, nextResult);
+  EXPECT_EQ(observe([&] { zeroed = calloc(3, 10); }), (observed{fakeCalloc, 3, 10, 0, 0}));
+  EXPECT_EQ(zeroed, nextResult);
+  EXPECT_EQ(observe([&] { moved = realloc(block, 50); }),
+            (observed{fakeRealloc, number(block), 50, 0, 0}));
   for (void* p : {moved, zeroed, static_cast<void*>(nullptr)}) {
-    o = observe([p] { free(p); });
-    EXPECT_EQ(o.first.kind, fakeFree);
-    EXPECT_EQ(o.first.first, number(p));
-    EXPECT_EQ(o.allocated + o.freed, 0u);
+    EXPECT_EQ(observe([p] { free(p); }), (observed{fakeFree, number(p), 0, 0, 0}));
   }
   // The next allocator may release a block and answer null for a resize to 0: no exhaustion.
   EXPECT_EQ(realloc(malloc(10), 0), nullptr);
@@ -95,20 +97,14 @@ TEST(AllocationDeathTest, ExhaustionIsReported) {
 TEST_F(TrackingRoute, MallocAndFreeCarryAndCountTheHeader) {
   for (const std::size_t size : {0, 100, 4096}) {
     void* block = nullptr;
-    observed o = observe([&] { block = malloc(size); });
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(o.first.kind, fakeMalloc);
-    EXPECT_EQ(o.first.first, size + 8);
-    EXPECT_EQ(static_cast<char*>(o.first.result) + 8, block);
+    EXPECT_EQ(observe([&] { block = malloc(size); }),
+              (observed{fakeMalloc, size + 8, 0, size + 8, 0}));
+    EXPECT_EQ(static_cast<char*>(nextResult) + 8, block);
     EXPECT_EQ(headerOf(block), size + 8);
-    EXPECT_EQ(o.allocated, size + 8);
-    o = observe([block] { free(block); });
-    EXPECT_EQ(o.first.kind, fakeFree);
-    EXPECT_EQ(o.first.first, number(block) - 8);
-    EXPECT_EQ(o.freed, size + 8);
+    EXPECT_EQ(observe([block] { free(block); }),
+              (observed{fakeFree, number(block) - 8, 0, 0, size + 8}));
   }
-  const observed none = observe([] { free(nullptr); });
-  EXPECT_EQ(none.calls + none.freed, 0u);
+  EXPECT_EQ(observe([] { free(nullptr); }), observed{});
 }
 
 TEST_F(TrackingRoute, CallocAddsWholeUnitsForTheHeader) {
@@ -119,16 +115,11 @@ TEST_F(TrackingRoute, CallocAddsWholeUnitsForTheHeader) {
                                {0, 10, 18, 1},   {2, 0, 4, 2},     {5, 3, 5, 5},   {6, 1, 3, 6},
                                {7, 1, 3, 7},     {8, 1, 2, 8},     {9, 2, 3, 9}};
   for (const calloc_case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.first) + " x " + std::to_string(c.second));
     unsigned char* block = nullptr;
-    const observed o =
-        observe([&] { block = static_cast<unsigned char*>(calloc(c.first, c.second)); });
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(o.first.kind, fakeCalloc);
-    EXPECT_EQ(o.first.first, c.units);
-    EXPECT_EQ(o.first.second, c.unit);
+    EXPECT_EQ(observe([&] { block = static_cast<unsigned char*>(calloc(c.first, c.second)); }),
+              (observed{fakeCalloc, c.units, c.unit, c.units * c.unit, 0}))
+        << c.first << " x " << c.second;
     EXPECT_EQ(headerOf(block), c.units * c.unit);
-    EXPECT_EQ(o.allocated, c.units * c.unit);
     for (std::size_t i = 0; i < c.first * c.second; ++i) ASSERT_EQ(block[i], 0) << i;
     free(block);
   }
@@ -136,21 +127,14 @@ TEST_F(TrackingRoute, CallocAddsWholeUnitsForTheHeader) {
 
 TEST_F(TrackingRoute, ReallocCountsTheOldBlockFreedAndTheNewOneAllocated) {
   char* block = nullptr;
-  observed o = observe([&] { block = static_cast<char*>(realloc(nullptr, 50)); });
-  EXPECT_EQ(o.first.kind, fakeRealloc);
-  EXPECT_EQ(o.first.first, 0u);
-  EXPECT_EQ(o.first.second, 58u);
-  EXPECT_EQ(o.allocated, 58u);
-  EXPECT_EQ(o.freed, 0u);
+  EXPECT_EQ(observe([&] { block = static_cast<char*>(realloc(nullptr, 50)); }),
+            (observed{fakeRealloc, 0, 58, 58, 0}));
   std::memcpy(block, "kept across the move", 21);
   char* grown = nullptr;
-  o = observe([&] { grown = static_cast<char*>(realloc(block, 200)); });
-  EXPECT_EQ(o.first.first, number(block) - 8);
-  EXPECT_EQ(o.first.second, 208u);
+  EXPECT_EQ(observe([&] { grown = static_cast<char*>(realloc(block, 200)); }),
+            (observed{fakeRealloc, number(block) - 8, 208, 208, 58}));
   EXPECT_EQ(headerOf(grown), 208u);
   EXPECT_STREQ(grown, "kept across the move");
-  EXPECT_EQ(o.freed, 58u);
-  EXPECT_EQ(o.allocated, 208u);
   free(grown);
 }
 
@@ -167,10 +151,10 @@ TEST_F(TrackingRoute, OverflowingSizesAreRefusedWithEnomem) {
   for (auto attempt : attempts) {
     errno = 0;
     void* result = &errno;
-    const observed o = observe([&] { result = attempt(block); });
+    EXPECT_EQ(observe([&] { result = attempt(block); }), observed{});
+    EXPECT_EQ(calls, 0u);
     EXPECT_EQ(result, nullptr);
     EXPECT_EQ(errno, ENOMEM);
-    EXPECT_EQ(o.calls + o.allocated + o.freed, 0u);
   }
   EXPECT_EQ(headerOf(block), 24u);  // the refused realloc left the block as it was
   free(block);
@@ -205,8 +189,8 @@ TEST_F(TrackingRoute, AlignedBlocksCarryAHeaderThatFreeRecognises) {
   EXPECT_STREQ(moved, "aligned");
   EXPECT_EQ(headerOf(moved), 5008u);
   const observed o = observe([posix] { free(posix); });
-  EXPECT_EQ(o.first.kind, fakeFree);
-  EXPECT_LT(o.first.first, number(posix));  // the next allocator's own block start
+  EXPECT_EQ(o.kind, fakeFree);
+  EXPECT_LT(o.first, number(posix));  // the next allocator's own block start
   for (void* b : {blocks[1].block, static_cast<void*>(moved), blocks[3].block, blocks[4].block}) {
     free(b);
   }
@@ -236,14 +220,14 @@ TEST(AllocationDeathTest, NestedLookupOrNameResolvingToTheProgramAborts) {
 // lookups change nothing.
 TEST(AllocationTest, CallocDuringTheLookupAndLaterLookups) {
   const auto route = trackingmalloc;
-  const observed o = observe([] {
+  observe([] {
     recursing = 1;
     EXPECT_EQ(calloc(1, 1), nullptr);
     recursing = 0;
     ov_installOutOfMemoryCatcher();
     lookupNextMallocs();
   });
-  EXPECT_EQ(o.calls, 0u);
+  EXPECT_EQ(calls, 0u);
   EXPECT_EQ(trackingmalloc, route);
 }
 
