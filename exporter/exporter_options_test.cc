@@ -10,11 +10,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-struct options_case {
-  std::vector<std::string> args;
-  std::string outcome;  // the settings that differ from the defaults, or the error
-};
-
 std::string parse(std::vector<std::string> args) {
   args.insert(args.begin(), "vigilo-exporter");
   vigilo::test_support::argument_vector argv(args);
@@ -35,30 +30,30 @@ std::string parse(std::vector<std::string> args) {
 }
 
 TEST(ExporterOptionsTest, TakesBothFormsAndRefusesTheRest) {
-  const options_case cases[] = {
+  const std::string bad = "bad value for --";
+  // clang-format off
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{}, ""},
       {{"--web.listen-address=0.0.0.0:9100"}, "listen 0.0.0.0 9100;"},
       {{"--web.listen-address", "[::1]:0"}, "listen ::1 0;"},
       {{"--allow-target=10.0.0.0/8", "--allow-target", "engine-1"}, "allows 10.1.1.1;"},
-      {{"--probe.timeout=250ms"}, "timeout 250;"},
-      {{"--probe.timeout", "2m"}, "timeout 120000;"},
-      {{"--help", "--bogus"}, "help;"},
-      {{"--version"}, "version;"},
-      {{"--web.listen-address=9100"}, "bad value for --web.listen-address: 9100"},
-      {{"--web.listen-address=host:"}, "bad value for --web.listen-address: host:"},
-      {{"--allow-target=10.0.0.0/40"}, "bad value for --allow-target: 10.0.0.0/40"},
-      {{"--allow-target", "--probe.timeout=1s"},
-       "bad value for --allow-target: --probe.timeout=1s"},
-      {{"--probe.timeout=10"}, "bad value for --probe.timeout: 10"},
-      {{"--probe.timeout=0s"}, "bad value for --probe.timeout: 0s"},
-      {{"--probe.timeout=2h"}, "bad value for --probe.timeout: 2h"},
-      {{"--probe.timeout=61m"}, "bad value for --probe.timeout: 61m"},
+      {{"--probe.timeout=250ms"}, "timeout 250;"}, {{"--probe.timeout", "2m"}, "timeout 120000;"},
+      {{"--help", "--bogus"}, "help;"}, {{"--version"}, "version;"},
+      {{"--web.listen-address=9100"}, bad + "web.listen-address: 9100"},
+      {{"--web.listen-address=host:"}, bad + "web.listen-address: host:"},
+      {{"--allow-target=10.0.0.0/40"}, bad + "allow-target: 10.0.0.0/40"},
+      {{"--allow-target", "--probe.timeout=1s"}, bad + "allow-target: --probe.timeout=1s"},
+      {{"--probe.timeout=10"}, bad + "probe.timeout: 10"},
+      {{"--probe.timeout=0s"}, bad + "probe.timeout: 0s"},
+      {{"--probe.timeout=2h"}, bad + "probe.timeout: 2h"},
+      {{"--probe.timeout=61m"}, bad + "probe.timeout: 61m"},
       {{"--probe.timeout"}, "--probe.timeout needs a value"},
       {{"--web.listen_address=:1"}, "unknown argument --web.listen_address"},
       {{"probe"}, "unknown argument probe"},
   };
-  for (const options_case& c : cases) {
-    EXPECT_EQ(parse(c.args), c.outcome) << testing::PrintToString(c.args);
+  // clang-format on
+  for (const auto& [args, outcome] : cases) {
+    EXPECT_EQ(parse(args), outcome) << testing::PrintToString(args);
   }
 }
 

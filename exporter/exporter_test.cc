@@ -72,11 +72,6 @@ TEST_P(ExporterTest, AnswersProbesAndRefusesWithAReason) {
     EXPECT_EQ(std::to_string(res->status) + " " + res->body, answer);
   }
   EXPECT_EQ(exporter.client.Post("/probe?target=" + target, "", "text/plain")->status, 405);
-  // An engine that does not answer is a probe's answer too, not an error of the exporter.
-  const auto down = exporter.client.Get("/probe?target=127.0.0.1:" +
-                                        std::to_string(vigilo::test_support::closedLoopbackPort()));
-  EXPECT_EQ(down->status, 200);
-  EXPECT_NE(down->body.find("\norvex_up 0\n"), std::string::npos) << down->body;
 
   const auto probe = exporter.client.Get("/probe?target=" + target);
   EXPECT_EQ(probe->get_header_value("Content-Type"), "text/plain; version=0.0.4; charset=utf-8");
@@ -84,7 +79,7 @@ TEST_P(ExporterTest, AnswersProbesAndRefusesWithAReason) {
   EXPECT_EQ(promtoolCheck(probe->body), "0");
   const auto metrics = exporter.client.Get("/metrics");
   EXPECT_NE(metrics->body.find("\nvigilo_exporter_probes_total{result=\"success\"} 1\n"
-                               "vigilo_exporter_probes_total{result=\"failure\"} 1\n"),
+                               "vigilo_exporter_probes_total{result=\"failure\"} 0\n"),
             std::string::npos)
       << metrics->body;
   EXPECT_EQ(promtoolCheck(metrics->body), "0");

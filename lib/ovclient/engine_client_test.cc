@@ -124,7 +124,7 @@ TEST_F(EngineClientTest, FailedFetchesReportTheCause) {
   };
   for (const auto& [reply, cause] : cases) {
     setenv("OVCLIENT_RESPONSE_TIMEOUT_MS", "300", 1);
-    fake_engine engine(pingThen([&reply](int) { return reply; }));
+    fake_engine engine(pingThen([answer = reply](int) { return answer; }));
     connection m = connectTo("127.0.0.1", engine.port());
     unsetenv("OVCLIENT_RESPONSE_TIMEOUT_MS");
     EXPECT_EQ(fetch(m.get()), "error: Status request to engine at 127.0.0.1:" +
