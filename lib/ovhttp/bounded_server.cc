@@ -277,11 +277,17 @@ bounded_server::bounded_server(server_limits limits) : limits(limits) {
     closeAfterResponse();
     return httplib::Server::HandlerResponse::Handled;
   });
-  // Whatever reaches no route, and refusals by the HTTP library itself, get a reason too.
+  // Whatever reaches no route, and refusals by the HTTP library itself, get a reason too. A
+  // request the library could not read is left partly unread, so its connection ends with it.
   set_error_handler(
       httplib::Server::HandlerWithResponse([](const httplib::Request& req, httplib::Response& res) {
         if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
-        reply(res, res.status, res.status == 404 ? "no such resource " + req.path : "bad request");
+        if (res.status == 404) {
+          reply(res, 404, "no such resource " + req.path);
+        } else {
+          reply(res, res.status, "bad request");
+          closeAfterResponse();
+        }
         return httplib::Server::HandlerResponse::Handled;
       }));
 }
@@ -349,19 +355,27 @@ bounded_server::head_state bounded_server::examineHead(connection& conn) {
   const std::size_t lineEnd = bytes.find("\r\n");
   const std::size_t headEnd = bytes.find("\r\n\r\n");
   const std::string_view head = bytes.substr(0, headEnd);
+  // Every line of the head after the request line is a field; the last one may be unfinished.
   std::size_t fields = 0;
-  for (std::size_t at = head.find("\r\n"); at != std::string_view::npos;
-       at = head.find("\r\n", at + 2)) {
+  std::size_t longestField = 0;  // line end included
+  for (std::size_t at = head.find("\r\n"); at != std::string_view::npos;) {
+    const std::size_t next = head.find("\r\n", at + 2);
     ++fields;
+    longestField =
+        std::max(longestField, (next == std::string_view::npos ? head.size() : next) - at);
+    at = next;
   }
   int status = 0;
   std::string why;
-  if ((lineEnd == std::string_view::npos ? bytes.size() : lineEnd) > limits.maxRequestLine) {
+  if ((lineEnd == std::string_view::npos ? bytes.size() : lineEnd) + 2 > limits.maxRequestLine) {
     status = 414;
     why = "request line exceeds " + std::to_string(limits.maxRequestLine) + " bytes";
   } else if (fields > limits.maxHeaderFields) {
     status = 431;
     why = "more than " + std::to_string(limits.maxHeaderFields) + " header fields";
+  } else if (longestField > limits.maxFieldLine) {
+    status = 431;
+    why = "header field exceeds " + std::to_string(limits.maxFieldLine) + " bytes";
   } else if (head.size() + 4 > limits.maxHeadBytes) {
     status = 431;
     why = "request head exceeds " + std::to_string(limits.maxHeadBytes) + " bytes";

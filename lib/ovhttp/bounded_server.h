@@ -6,8 +6,10 @@
 // - A complete head is served on a worker thread; workers are started as they are needed, so a
 //   new client is served at once however many others are idle or slow.
 // - Limits: connections open at once (503 with Retry-After beyond), request line (414), head
-//   bytes and header fields (431), body bytes whatever the framing (413), encoded bodies (415),
-//   the time from a request's first byte to its end (408), and idle time (the connection closes).
+//   bytes, header lines and header fields (431), body bytes whatever the framing (413), encoded
+//   bodies (415), the time from a request's first byte to its end (408), and idle time (the
+//   connection closes). A request the HTTP library cannot read gets its 400, and the connection
+//   closes: where that request ends is unknown.
 // - shutdown() ends every connection, idle or busy, and serve() returns within a second.
 #ifndef VIGILO_LIB_OVHTTP_BOUNDED_SERVER_H_
 #define VIGILO_LIB_OVHTTP_BOUNDED_SERVER_H_
@@ -29,7 +31,10 @@ namespace ovhttp {
 
 struct server_limits {
   std::size_t maxConnections = 512;
+  // A line of the head, its line end included. The HTTP library refuses longer request and
+  // header lines itself, in words of its own, so these stay at its limits.
   std::size_t maxRequestLine = 8 * 1024;
+  std::size_t maxFieldLine = 8 * 1024;
   std::size_t maxHeadBytes = 16 * 1024;
   std::size_t maxHeaderFields = 64;
   std::size_t maxBodyBytes = 1024 * 1024;
