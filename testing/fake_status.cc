@@ -42,20 +42,26 @@ int getNextStatusPair(StatusOpaque* status, const char** key, const char** value
   return 0;
 }
 
-const char* getStatusString(StatusOpaque* status, const char* key) {
-  fake_status* s = self(status);
+// The value of the first pair of `key`, counted as one lookup; null when there is none.
+const std::optional<std::string>* lookUp(fake_status* s, const char* key) {
   ++s->log->lookups;
   for (const auto& [k, v] : s->script.pairs) {
-    if (k == key) return handOut(s, v);
+    if (k == key) return &v;
   }
   return nullptr;
 }
 
+const char* getStatusString(StatusOpaque* status, const char* key) {
+  const std::optional<std::string>* value = lookUp(self(status), key);
+  return value == nullptr ? nullptr : handOut(self(status), *value);
+}
+
 std::int64_t getStatusInteger(StatusOpaque* status, const char* key) {
-  const char* text = getStatusString(status, key);
+  const std::optional<std::string>* value = lookUp(self(status), key);
+  if (value == nullptr || !*value) return 0;
   char* end = nullptr;
-  const std::uint64_t number = text == nullptr ? 0 : std::strtoull(text, &end, 10);
-  return end != nullptr && *end == '\0' ? static_cast<std::int64_t>(number) : 0;
+  const std::uint64_t number = std::strtoull((*value)->c_str(), &end, 10);
+  return *end == '\0' ? static_cast<std::int64_t>(number) : 0;
 }
 
 void deleteStatus(StatusOpaque* status) {
