@@ -17,7 +17,7 @@ namespace com::orvex::engine {
 
 class EngineManagement {
  public:
-  EngineManagement(const char* host, unsigned short port, client::client_timeouts limits,
+  EngineManagement(const char* host, unsigned short port, EngineLimits limits,
                    const std::string& userAgent)
       : connection(host, port, limits, userAgent) {}
   client::http_connection connection;
@@ -73,19 +73,17 @@ void engineShutdown() {
 
 EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short port,
                                              const char* /*reserved*/) {
-  const client::client_timeouts limits = client::timeoutsFromEnvironment();
-  return connectToEngineWithin(host, port, {limits.connectMs, limits.responseMs});
+  return connectToEngineWithin(host, port, client::timeoutsFromEnvironment());
 }
 
 void setEngineLimits(EngineManagement* management, EngineLimits limits) {
-  management->connection.setTimeouts({limits.connectMs, limits.responseMs});
+  management->connection.setTimeouts(limits);
 }
 
 EngineManagement* connectToEngineWithin(const char* host, unsigned short port,
                                         EngineLimits limits) {
   if (host == nullptr) throw EngineException("Could not connect to engine: no host given");
-  auto management = std::make_unique<EngineManagement>(
-      host, port, client::client_timeouts{limits.connectMs, limits.responseMs}, userAgent);
+  auto management = std::make_unique<EngineManagement>(host, port, limits, userAgent);
   try {
     management->connection.open();
     const client::http_response& pong = management->connection.get("/ping");

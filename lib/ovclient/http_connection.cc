@@ -107,8 +107,8 @@ std::shared_ptr<resolution> resolve(const std::string& host, unsigned short port
 
 }  // namespace
 
-client_timeouts timeoutsFromEnvironment() {
-  client_timeouts t;
+engine::EngineLimits timeoutsFromEnvironment() {
+  engine::EngineLimits t;
   t.connectMs = positiveFromEnvironment("OVCLIENT_CONNECT_TIMEOUT_MS", t.connectMs);
   t.responseMs = positiveFromEnvironment("OVCLIENT_RESPONSE_TIMEOUT_MS", t.responseMs);
   return t;
@@ -121,8 +121,8 @@ struct http_connection::exchange_result {
   std::string error;
 };
 
-http_connection::http_connection(std::string host, unsigned short port, client_timeouts timeouts,
-                                 std::string userAgent)
+http_connection::http_connection(std::string host, unsigned short port,
+                                 engine::EngineLimits timeouts, std::string userAgent)
     : host(std::move(host)),
       port(port),
       timeouts(timeouts),

@@ -10,19 +10,15 @@
 #include <string>
 
 #include "http_response_reader.h"
+#include "ovclient/engine_client.h"
 
 namespace com::orvex::client {
 
 using clock_type = std::chrono::steady_clock;
 
-struct client_timeouts {
-  int connectMs = 5000;
-  int responseMs = 30000;
-};
-
 // The defaults, or OVCLIENT_CONNECT_TIMEOUT_MS and OVCLIENT_RESPONSE_TIMEOUT_MS when they hold a
 // positive number of milliseconds.
-client_timeouts timeoutsFromEnvironment();
+engine::EngineLimits timeoutsFromEnvironment();
 
 struct http_response {
   int status = 0;
@@ -34,7 +30,7 @@ inline constexpr std::size_t bodyPadding = 64;
 
 class http_connection {
  public:
-  http_connection(std::string host, unsigned short port, client_timeouts timeouts,
+  http_connection(std::string host, unsigned short port, engine::EngineLimits timeouts,
                   std::string userAgent);
   ~http_connection();
   http_connection(const http_connection&) = delete;
@@ -43,7 +39,7 @@ class http_connection {
   // "host:port", with brackets around an IPv6 literal.
   const std::string& where() const { return location; }
 
-  void setTimeouts(client_timeouts limits) { timeouts = limits; }
+  void setTimeouts(engine::EngineLimits limits) { timeouts = limits; }
 
   // Connects if not connected. Throws std::runtime_error with the cause ("Connection refused").
   void open();
@@ -60,7 +56,7 @@ class http_connection {
 
   const std::string host;
   const unsigned short port;
-  client_timeouts timeouts;
+  engine::EngineLimits timeouts;
   const std::string userAgent;
   const std::string location;
   int fd = -1;

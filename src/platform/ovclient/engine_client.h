@@ -25,8 +25,8 @@ EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short po
 // A connection's limits, in milliseconds: connecting (name resolution included) and each whole
 // response.
 struct EngineLimits {
-  int connectMs;
-  int responseMs;
+  int connectMs = 5000;
+  int responseMs = 30000;
 };
 
 // As connectToEngineMonitorOnly, within `limits` rather than those the environment sets
