@@ -21,6 +21,10 @@ int remainingMs(std::chrono::steady_clock::time_point deadline) {
 
 }  // namespace
 
+prober::prober(connection_pool& pool, std::size_t maxProbes) : pool(pool), maxProbes(maxProbes) {
+  totals.durationBuckets.assign(probeBuckets().size(), 0);
+}
+
 std::optional<std::string> prober::probe(const target& t, const std::vector<std::string>& addresses,
                                          std::chrono::milliseconds timeout) {
   if (running.fetch_add(1) >= maxProbes) {
@@ -78,7 +82,6 @@ bool prober::fetch(const target& t, const std::vector<std::string>& addresses,
 
 void prober::record(bool up, double seconds) {
   std::lock_guard<std::mutex> lock(mutex);
-  if (totals.durationBuckets.empty()) totals.durationBuckets.assign(probeBuckets().size(), 0);
   ++(up ? totals.successes : totals.failures);
   totals.durationSum += seconds;
   for (std::size_t i = 0; i < probeBuckets().size(); ++i) {
@@ -92,7 +95,6 @@ exporter_figures prober::figures() const {
     std::lock_guard<std::mutex> lock(mutex);
     figures = totals;
   }
-  if (figures.durationBuckets.empty()) figures.durationBuckets.assign(probeBuckets().size(), 0);
   figures.engineConnections = pool.idleConnections() + connectionsInUse;
   return figures;
 }

@@ -19,7 +19,7 @@ namespace exporter {
 
 class prober {
  public:
-  prober(connection_pool& pool, std::size_t maxProbes) : pool(pool), maxProbes(maxProbes) {}
+  prober(connection_pool& pool, std::size_t maxProbes);
 
   // The metrics of `t`, reached at `addresses` (in order), within `timeout`; nothing when
   // `maxProbes` probes are already running.
