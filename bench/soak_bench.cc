@@ -71,9 +71,9 @@ int main(int argc, char** argv) {
     }
     close(fd);
   });
-  vigilo::test_support::child_process watch({VIGILO_BINARY, "-n", "127.0.0.1", "-p",
-                                             std::to_string(engine.port()), "-r", "-a", "-i", "0"},
-                                            {{}, fifo});
+  vigilo::test_support::child_process watch(vigilo::test_support::redirected(
+      ">" + fifo, {VIGILO_BINARY, "-n", "127.0.0.1", "-p", std::to_string(engine.port()), "-r",
+                   "-a", "-i", "0"}));
 
   const auto start = steady_clock::now();
   std::this_thread::sleep_for(duration<double>(seconds / 10));

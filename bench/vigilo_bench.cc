@@ -96,7 +96,7 @@ double linesPerSecond(const std::vector<std::string>& argv, double seconds) {
     std::ifstream file(path);
     return std::count(std::istreambuf_iterator<char>(file), {}, '\n');
   };
-  child_process polling(argv, {{}, path});
+  child_process polling(vigilo::test_support::redirected(">" + path, argv));
   while (lines() == 0) std::this_thread::sleep_for(1ms);
   const auto before = lines();
   const auto start = clock_type::now();
@@ -190,11 +190,11 @@ int main(int argc, char** argv) {
   long vigiloRss = 0, curlRss = 0;
   for (int i = 0; i < 21; ++i) {
     auto t = clock_type::now();
-    const run_result v = runProcess(once, {}, 10s);
+    const run_result v = runProcess(once, 10s);
     vigiloMs.push_back(secondsSince(t) * 1000);
     vigiloRss = std::max(vigiloRss, v.maxRssKb);
     t = clock_type::now();
-    const run_result c = runProcess(curl, {}, 10s);
+    const run_result c = runProcess(curl, 10s);
     curlMs.push_back(secondsSince(t) * 1000);
     curlRss = std::max(curlRss, c.maxRssKb);
   }
@@ -208,6 +208,6 @@ int main(int argc, char** argv) {
   engine.finish(10s);
 
   // The allocation entry points beside the next allocator, on both routes.
-  std::printf("\n%s", runProcess({ALLOCATION_BENCH}, {}, 300s).out.c_str());
+  std::printf("\n%s", runProcess({ALLOCATION_BENCH}, 300s).out.c_str());
   return 0;
 }

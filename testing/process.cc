@@ -13,7 +13,6 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <stdexcept>
 
 extern char** environ;
@@ -25,29 +24,15 @@ argument_vector::argument_vector(std::vector<std::string> texts) : texts(std::mo
   pointers.push_back(nullptr);
 }
 
-child_process::child_process(const std::vector<std::string>& argv, const process_options& options) {
-  std::map<std::string, std::string> vars;
-  for (char** e = environ; *e != nullptr; ++e) vars[std::string(*e, std::strcspn(*e, "="))] = *e;
-  for (const auto& e : options.env) vars[e.substr(0, e.find('='))] = e;
-  std::vector<std::string> env;
-  for (const auto& [name, entry] : vars) env.push_back(entry);
-
+child_process::child_process(const std::vector<std::string>& argv) {
   int outPipe[2] = {-1, -1}, errPipe[2] = {-1, -1};
-  const bool outToPipe = options.stdoutPath.empty();
-  if ((outToPipe && pipe2(outPipe, O_CLOEXEC) != 0) || pipe2(errPipe, O_CLOEXEC) != 0) {
+  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe");
   }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  if (outToPipe) {
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-  } else if (options.stdoutPath == "-") {
-    posix_spawn_file_actions_addclose(&actions, 1);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, 1, options.stdoutPath.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  }
+  posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
   posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
   // Default dispositions and an empty mask, whatever the test runner has set up.
   posix_spawnattr_t attr;
@@ -58,11 +43,11 @@ child_process::child_process(const std::vector<std::string>& argv, const process
   posix_spawnattr_setsigdefault(&attr, &all);
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-  argument_vector args(argv), envp(std::move(env));
-  const int rc = posix_spawn(&child, argv[0].c_str(), &actions, &attr, args.argv(), envp.argv());
+  argument_vector args(argv);
+  const int rc = posix_spawn(&child, argv[0].c_str(), &actions, &attr, args.argv(), environ);
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
-  if (outToPipe) close(outPipe[1]);
+  close(outPipe[1]);
   close(errPipe[1]);
   fds[0] = outPipe[0];
   fds[1] = errPipe[0];
@@ -145,9 +130,13 @@ run_result child_process::finish(std::chrono::milliseconds timeout) {
   return {outText, errText, status, usage.ru_maxrss};
 }
 
-run_result runProcess(const std::vector<std::string>& argv, const process_options& options,
-                      std::chrono::milliseconds timeout) {
-  return child_process(argv, options).finish(timeout);
+run_result runProcess(const std::vector<std::string>& argv, std::chrono::milliseconds timeout) {
+  return child_process(argv).finish(timeout);
+}
+
+std::vector<std::string> redirected(const std::string& redirect, std::vector<std::string> argv) {
+  argv.insert(argv.begin(), {"/bin/sh", "-c", "exec \"$@\" " + redirect, "sh"});
+  return argv;
 }
 
 server_process::server_process(const std::vector<std::string>& argv, const std::string& name,

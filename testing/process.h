@@ -13,8 +13,8 @@
 
 namespace vigilo::test_support {
 
-// An argument vector for code that takes (argc, argv), or an environment: owns its texts, which
-// stay in place while it lives (settings may point into them); argv() ends with a null pointer.
+// An argument vector for code that takes (argc, argv): owns its texts, which stay in place while
+// it lives (settings may point into them); argv() ends with a null pointer.
 class argument_vector {
  public:
   explicit argument_vector(std::vector<std::string> texts);
@@ -28,11 +28,6 @@ class argument_vector {
   std::vector<char*> pointers;
 };
 
-struct process_options {
-  std::vector<std::string> env;  // "NAME=value", added to or replacing the environment
-  std::string stdoutPath = "";   // stdout to this file instead of a pipe; "-" starts it closed
-};
-
 struct run_result {
   std::string out;
   std::string err;
@@ -42,8 +37,10 @@ struct run_result {
 
 class child_process {
  public:
-  // Starts argv[0] (a path) with default signal dispositions; throws when it cannot.
-  explicit child_process(const std::vector<std::string>& argv, const process_options& options = {});
+  // Starts argv[0] (a path) with default signal dispositions, stdin from /dev/null and stdout and
+  // stderr on pipes; throws when it cannot. An environment variable or another stdout is set by a
+  // wrapper in argv: /usr/bin/env, or redirected() below.
+  explicit child_process(const std::vector<std::string>& argv);
   ~child_process();  // kills the child if it still runs
   child_process(const child_process&) = delete;
   child_process& operator=(const child_process&) = delete;
@@ -72,8 +69,12 @@ class child_process {
   std::string errText;
 };
 
-run_result runProcess(const std::vector<std::string>& argv, const process_options& options = {},
+run_result runProcess(const std::vector<std::string>& argv,
                       std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+// `argv` run with its stdout redirected by the shell, as in ">/dev/full", ">&-" or ">FILE"; the
+// shell execs the program, so its pid is the program's.
+std::vector<std::string> redirected(const std::string& redirect, std::vector<std::string> argv);
 
 // A server started from `argv` that names its port on standard output as "`name` listening on
 // 127.0.0.1:PORT"; the constructor returns once it has (`timeout` at most, else it throws).

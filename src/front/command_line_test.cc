@@ -59,9 +59,9 @@ TEST(CommandLineTest, WritesExactlyThisAndExits) {
        "Invalid characters for this locale on command line... exiting\n"},
   };
   for (const auto& [args, status, err] : cases) {
-    std::vector<std::string> argv = {VIGILO_BINARY};
+    std::vector<std::string> argv = {"/usr/bin/env", "LC_ALL=C.UTF-8", VIGILO_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
-    const auto result = vigilo::test_support::runProcess(argv, {{"LC_ALL=C.UTF-8"}});
+    const auto result = vigilo::test_support::runProcess(argv);
     EXPECT_EQ(result.status, status) << args[0];
     EXPECT_EQ(result.err, err);
     EXPECT_EQ(result.out, "");

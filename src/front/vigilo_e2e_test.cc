@@ -108,10 +108,10 @@ TEST(VigiloTest, FailedWritesEndTheWatch) {
   const auto asFile = runProcess(vigilo(engine.port(), {"-r", "-f", "/dev/full"}));
   EXPECT_EQ(asFile.status, 0);
   EXPECT_EQ(asFile.err, failedWrite);
-  for (const char* stdoutPath : {"/dev/full", "-"}) {
-    const auto asStdout = runProcess(vigilo(engine.port(), {"-o", "-r"}), {{}, stdoutPath});
-    EXPECT_EQ(asStdout.status, 0) << stdoutPath;
-    EXPECT_EQ(asStdout.err, "Failed to write status to output.\n") << stdoutPath;
+  for (const char* redirect : {">/dev/full", ">&-"}) {
+    const auto asStdout = runProcess(redirected(redirect, vigilo(engine.port(), {"-o", "-r"})));
+    EXPECT_EQ(asStdout.status, 0) << redirect;
+    EXPECT_EQ(asStdout.err, "Failed to write status to output.\n") << redirect;
   }
   child_process watch(vigilo(engine.port(), {"-r", "-i", "0"}));
   ASSERT_TRUE(watch.waitForOut("\n", bound));
@@ -181,7 +181,9 @@ TEST(VigiloTest, TrackedMemoryDoesNotGrowWithPolls) {
                              : httpReply(500, "Internal Server Error", "");
     });
     args.insert(args.end(), {"-v", "-v", "-r", "-a", "-t", "-i", "0"});
-    const auto result = runProcess(vigilo(engine.port(), args), {{"ORVEX_MEMORY_TRACKING=1"}});
+    args = vigilo(engine.port(), args);
+    args.insert(args.begin(), {"/usr/bin/env", "ORVEX_MEMORY_TRACKING=1"});
+    const auto result = runProcess(args);
     std::smatch match;
     const std::regex line(R"(DEBUG memory: (\d+) bytes allocated, (\d+) freed, (\d+) still held)");
     EXPECT_TRUE(std::regex_search(result.err, match, line)) << result.err;
