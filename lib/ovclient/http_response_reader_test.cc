@@ -44,8 +44,8 @@ const reader_case cases[] = {
     {"HTTP/1.0 200 OK\r\nContent-Length: 1\r\n\r\nx", false, "200 closed x"},
     {"HTTP/1.0 200 OK\r\nConnection: Keep-Alive\r\nContent-Length: 1\r\n\r\nx", false,
      "200 kept x"},
-    {chunked + "5\r\nhello\r\n1;ext=1\r\n!\r\n0\r\nTrailer: x\r\n\r\n", false, "200 kept hello!"},
-    {chunked + "A\r\n0123456789\r\n0\r\n\r\n", false, "200 kept 0123456789"},
+    {chunked + "5\r\nhello\r\nA;ext=1\r\n!123456789\r\n0\r\nTrailer: x\r\n\r\n", false,
+     "200 kept hello!123456789"},
     // Interim responses come before the answer; 101 is an answer of its own.
     {"HTTP/1.1 100 \r\n\r\nHTTP/1.1 103 \r\nL: x\r\n\r\n" + ok + "Content-Length: 2\r\n\r\nok",
      false, "200 kept ok"},
@@ -54,7 +54,6 @@ const reader_case cases[] = {
     {ok + "Content-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n", false,
      "200 kept hello"},
     {ok + "\r\nuntil the end", true, "200 closed until the end"},
-    {"HTTP/1.1 500 Internal Server Error\r\nContent-Length: 4\r\n\r\noops", false, "500 kept oops"},
     {"HTTP/1.1 204 No Content\r\n\r\n", false, "204 kept "},
     {ok + "Content-Length: 1\r\n\r\nxy", false, "200 closed x"},
     {ok + "Content-Length: 5\r\n\r\nhel", false, "reading"},

@@ -73,25 +73,22 @@ TEST(EngineStatusTest, WalkVisitsPairsInYieldOrder) {
   EXPECT_TRUE(walk(EngineStatus(nullptr)).empty());
 }
 
-TEST(EngineStatusTest, WalkAbandonedByExceptionReleasesIterationOnceThenDeletes) {
+// An abandoned walk is released once, by the iterator it was handed over to; a finished walk's
+// pair is a copy that outlives the object, which scribbles over its strings as it goes.
+TEST(EngineStatusTest, AbandonedWalkReleasedOnceAndPairsOutliveTheObject) {
   fake_status_log log;
+  std::optional<EngineStatus> record(std::in_place, newFakeStatus(threePairs, &log));
   {
-    EngineStatus record(newFakeStatus(threePairs, &log));
-    EXPECT_THROW(
-        for (auto it = record.begin(); it != record.end(); ++it) throw std::runtime_error("x"),
-        std::runtime_error);
-    EXPECT_EQ(log.freedIterations, std::vector<std::uintptr_t>{2});
-    EXPECT_EQ(log.deletes, 0);
+    auto it = record->begin();
+    ++it;
+    const EngineStatus::StatusIterator moved(std::move(it));
+    EXPECT_EQ(moved.key(), "user-b");
   }
-  EXPECT_EQ(log.freedIterations.size(), 1u);
-  EXPECT_EQ(log.deletes, 1);
-}
-
-TEST(EngineStatusTest, PairIsACopyThatOutlivesTheObject) {
-  std::optional<EngineStatus> record(std::in_place, newFakeStatus(threePairs));
+  EXPECT_EQ(log.freedIterations, std::vector<std::uintptr_t>{3});
   auto it = record->begin();
   while (it != record->end()) ++it;
-  record.reset();  // the object scribbles over its strings as it goes
+  record.reset();
+  EXPECT_EQ(log.deletes, 1);
   EXPECT_EQ(it.key(), "c");
   EXPECT_EQ(it.value(), "3");
 }
