@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <stdexcept>
 
 #include "ovcommon/EngineException.h"
 #include "testing/fake_client.h"
