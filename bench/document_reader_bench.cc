@@ -16,9 +16,7 @@ std::string document() {
   nlohmann::json pairs = nlohmann::json::array();
   for (const auto& row : com::orvex::engine::statusCatalogue) pairs.push_back({row.key, "1061116"});
   pairs.push_back({"user-region", "emea"});
-  std::string text = nlohmann::json{{"status", pairs}}.dump();
-  text.reserve(text.size() + simdjson::SIMDJSON_PADDING);
-  return text;
+  return nlohmann::json{{"status", pairs}}.dump();
 }
 
 // Collects every string of the document, as the old reader did with its SAX events.

@@ -243,7 +243,6 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
   response.status = reader.statusCode();
   response.reason = reader.reason();
   reader.takeBody(response.body);
-  response.body.reserve(response.body.size() + bodyPadding);
   return result;
 }
 

@@ -26,8 +26,6 @@ struct http_response {
   std::string body;
 };
 
-inline constexpr std::size_t bodyPadding = 64;
-
 class http_connection {
  public:
   http_connection(std::string host, unsigned short port, engine::EngineLimits timeouts,
