@@ -41,13 +41,11 @@ std::string promtoolCheck(const std::string& exposition) {
   return std::to_string(r.status) + r.out + r.err;
 }
 
-// Runs the exporter as it is, and under valgrind where the build has it: with -q, valgrind
-// writes nothing unless it found a memory error or a definite leak.
+// Runs the exporter as it is, and under valgrind where the build has it.
 std::vector<std::vector<std::string>> wrappers() {
   return {{},
 #ifdef VIGILO_VALGRIND
-          {VIGILO_VALGRIND, "-q", "--error-exitcode=99", "--leak-check=full",
-           "--errors-for-leak-kinds=definite"}
+          vigilo::test_support::underValgrind(VIGILO_VALGRIND, {})
 #endif
   };
 }

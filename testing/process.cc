@@ -139,6 +139,12 @@ std::vector<std::string> redirected(const std::string& redirect, std::vector<std
   return argv;
 }
 
+std::vector<std::string> underValgrind(const std::string& valgrind, std::vector<std::string> argv) {
+  argv.insert(argv.begin(), {valgrind, "-q", "--error-exitcode=99", "--leak-check=full",
+                             "--errors-for-leak-kinds=definite"});
+  return argv;
+}
+
 server_process::server_process(const std::vector<std::string>& argv, const std::string& name,
                                std::chrono::milliseconds timeout)
     : child_process(argv) {

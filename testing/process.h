@@ -76,6 +76,10 @@ run_result runProcess(const std::vector<std::string>& argv,
 // shell execs the program, so its pid is the program's.
 std::vector<std::string> redirected(const std::string& redirect, std::vector<std::string> argv);
 
+// `argv` run under `valgrind`, which fails the run with status 99 on a memory error or a definite
+// leak and, being quiet, writes nothing else.
+std::vector<std::string> underValgrind(const std::string& valgrind, std::vector<std::string> argv);
+
 // A server started from `argv` that names its port on standard output as "`name` listening on
 // 127.0.0.1:PORT"; the constructor returns once it has (`timeout` at most, else it throws).
 class server_process : public child_process {

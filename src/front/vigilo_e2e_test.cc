@@ -127,13 +127,12 @@ const std::string realRawLine =
 
 // A real engine watched until Control-C, under valgrind where the build has it: every line holds
 // the engine's figures, and the whole path, from argument conversion through polls and Control-C to
-// the last release, has no memory error or definite leak (valgrind's -q prints nothing when clean).
+// the last release, has no memory error or definite leak.
 TEST(VigiloTest, WatchesARealEngine) {
   engine_process engine(OVENGINE_BINARY, {"--load", "2000", "--user-status", "region=emea"});
   std::vector<std::string> argv = vigilo(engine.port(), {"-r", "-t", "-a", "-i", "20"});
 #ifdef VIGILO_VALGRIND
-  argv.insert(argv.begin(), {VIGILO_VALGRIND, "-q", "--error-exitcode=99", "--leak-check=full",
-                             "--errors-for-leak-kinds=definite"});
+  argv = underValgrind(VIGILO_VALGRIND, argv);
 #endif
   child_process watch(argv);
   ASSERT_TRUE(watch.waitFor(
