@@ -69,11 +69,11 @@ int main(int argc, char** argv) {
   }
 
   ovhttp::bounded_server server(ovengine::serverLimits());
-  const int port = options.port == 0
-                       ? server.bind_to_any_port(options.bind)
-                       : (server.bind_to_port(options.bind, options.port) ? options.port : -1);
-  if (port <= 0) {
-    std::cerr << "ovengine: cannot listen on " << options.bind << ":" << options.port << "\n";
+  std::string why;
+  const int port = server.bindTo(options.bind, options.port, why);
+  if (port == 0) {
+    std::cerr << "ovengine: cannot listen on " << options.bind << ":" << options.port << ": " << why
+              << "\n";
     return 1;
   }
   ovengine::installRoutes(server, engine, port);

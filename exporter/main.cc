@@ -44,13 +44,11 @@ int main(int argc, char** argv) {
   }
 
   ovhttp::bounded_server server;
-  const int port =
-      options.listenPort == 0
-          ? server.bind_to_any_port(options.listenHost)
-          : (server.bind_to_port(options.listenHost, options.listenPort) ? options.listenPort : -1);
-  if (port <= 0) {
+  std::string why;
+  const int port = server.bindTo(options.listenHost, options.listenPort, why);
+  if (port == 0) {
     std::cerr << "vigilo-exporter: cannot listen on " << options.listenHost << ":"
-              << options.listenPort << "\n";
+              << options.listenPort << ": " << why << "\n";
     return 1;
   }
   bool served = false;

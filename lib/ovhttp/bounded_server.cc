@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -256,6 +257,12 @@ bounded_server::bounded_server(server_limits limits) : limits(limits) {
     throw std::runtime_error(std::string("cannot create pipes: ") + std::strerror(errno));
   }
   new_task_queue = [] { return new hand_over_queue; };
+  // The library's default also sets SO_REUSEPORT, with which a second server on a port shares its
+  // requests with the first instead of failing.
+  set_socket_options([](socket_t sock) {
+    const int yes = 1;
+    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
   set_keep_alive_max_count(std::size_t{1} << 40);
   set_keep_alive_timeout(
       std::chrono::duration_cast<std::chrono::seconds>(limits.idleTimeout).count());
@@ -295,6 +302,19 @@ bounded_server::bounded_server(server_limits limits) : limits(limits) {
 bounded_server::~bounded_server() {
   shutdown();
   for (int fd : {stopPipe[0], stopPipe[1], wakePipe[0], wakePipe[1]}) close(fd);
+}
+
+int bounded_server::bindTo(const std::string& host, unsigned short port, std::string& error) {
+  errno = 0;
+  const int bound = port == 0 ? bind_to_any_port(host) : bind_to_port(host, port) ? port : -1;
+  if (bound > 0) return bound;
+  if (errno == EADDRINUSE) {
+    error = "address in use";
+  } else {
+    error = errno == 0 ? "cannot resolve or bind" : std::strerror(errno);
+    error[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(error[0])));
+  }
+  return 0;
 }
 
 bool bounded_server::serve() {

@@ -73,7 +73,11 @@ class bounded_server : public httplib::Server {
   explicit bounded_server(server_limits limits = {});
   ~bounded_server() override;
 
-  // Serves on the bound socket (bind_to_port first) until shutdown(); false when accepting failed.
+  // Binds to host:port, or to a free port when `port` is 0, with SO_REUSEADDR only: a port that
+  // another process serves is refused, not shared with it. The port bound, or 0 with `error`
+  // saying why ("address in use").
+  int bindTo(const std::string& host, unsigned short port, std::string& error);
+  // Serves on the bound socket until shutdown(); false when accepting failed.
   bool serve();
   // Stops accepting and ends every connection. Any thread, any number of times.
   void shutdown();
