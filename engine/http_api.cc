@@ -6,6 +6,7 @@
 
 #include "engine_limits.h"
 #include "event_lines.h"
+#include "support/build_info.h"
 
 namespace ovengine {
 
@@ -23,14 +24,16 @@ ovhttp::server_limits serverLimits() {
   return limits;
 }
 
-const char* describe(user_status_result refusal) {
+std::string describe(user_status_result refusal) {
   switch (refusal) {
     case user_status_result::badKey:
-      return "user status key must be 1 to 128 of A-Z a-z 0-9 _ - .";
+      return "user status key must be 1 to " + std::to_string(limits::userKeyLength) +
+             " of A-Z a-z 0-9 _ - .";
     case user_status_result::badValue:
-      return "user status value must be UTF-8 text of at most 4096 bytes";
+      return "user status value must be UTF-8 text of at most " +
+             std::to_string(limits::userValueLength) + " bytes";
     case user_status_result::full:
-      return "at most 100 user status values";
+      return "at most " + std::to_string(limits::userValues) + " user status values";
     case user_status_result::set:
       break;
   }
@@ -42,7 +45,7 @@ void installRoutes(ovhttp::bounded_server& server, event_engine& engine, int por
              [](const httplib::Request&, httplib::Response& res) { reply(res, 200, "pong"); });
   server.Get("/info", [&engine, port](const httplib::Request&, httplib::Response& res) {
     const json info = {{"name", "ovengine"},
-                       {"version", "1.0.0"},
+                       {"version", VIGILO_VERSION},
                        {"port", port},
                        {"pid", static_cast<long>(getpid())},
                        {"uptime", engine.uptimeMs()},

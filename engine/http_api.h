@@ -3,6 +3,8 @@
 #ifndef VIGILO_ENGINE_HTTP_API_H_
 #define VIGILO_ENGINE_HTTP_API_H_
 
+#include <string>
+
 #include "bounded_server.h"
 #include "event_engine.h"
 
@@ -12,7 +14,7 @@ namespace ovengine {
 ovhttp::server_limits serverLimits();
 
 // Why a user status value was refused, for the client or the command line.
-const char* describe(user_status_result refusal);
+std::string describe(user_status_result refusal);
 
 // Installs every route. `engine` must outlive the server; `port` is what /info reports.
 void installRoutes(ovhttp::bounded_server& server, event_engine& engine, int port);

@@ -13,15 +13,27 @@ import os
 import subprocess
 import sys
 
+# The raw line's fields that the picture reads, by the engine's key: their positions (from 0), the
+# number of standard fields and the number of headings are the status catalogue's, which a test of
+# the documents holds them to.
+FIELD = {
+    "uptime": 0,
+    "numQueuedInput": 8,
+    "numQueuedFastTrack": 10,
+    "numOutEventsQueued": 13,
+    "numProcessed": 21,
+    "mostBackedUpICQueueSize": 23,
+    "slowestReceiverQueueSize": 25,
+}
 STANDARD_FIELDS = 26
 HEADINGS = 21
-UPTIME, PROCESSED = 0, 21
+UPTIME, PROCESSED = FIELD["uptime"], FIELD["numProcessed"]
 QUEUES = [  # (field index, name)
-    (8, "input queue"),
-    (10, "route queue"),
-    (13, "output queue"),
-    (23, "slowest context queue"),
-    (25, "slowest receiver queue"),
+    (FIELD["numQueuedInput"], "input queue"),
+    (FIELD["numQueuedFastTrack"], "route queue"),
+    (FIELD["numOutEventsQueued"], "output queue"),
+    (FIELD["mostBackedUpICQueueSize"], "slowest context queue"),
+    (FIELD["slowestReceiverQueueSize"], "slowest receiver queue"),
 ]
 
 

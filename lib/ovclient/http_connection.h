@@ -42,8 +42,7 @@ class http_connection {
   // Connects if not connected. Throws std::runtime_error with the cause ("Connection refused").
   void open();
   // Sends GET `path` and reads the whole response, of any status; it stays valid until the next
-  // request. Throws std::runtime_error with the cause on a transport or framing failure. The body
-  // has at least 64 bytes of spare capacity, for readers that look past its end.
+  // request. Throws std::runtime_error with the cause on a transport or framing failure.
   const http_response& get(const std::string& path);
 
  private:

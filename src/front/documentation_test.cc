@@ -1,8 +1,9 @@
 // The documents say what the program does: the options of vigilo(1) are those of the usage
 // text, and the field tables of vigilo(1) and docs/fields.md, and the column lists of
-// docs/fleet.md, are the status catalogue's.
+// docs/fleet.md and the fields vigilo-plot reads, are the status catalogue's.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -64,6 +65,26 @@ TEST(DocumentationTest, FieldTablesAndRecipesAreTheProgramsFields) {
   EXPECT_EQ(matches(fleet, R"(^  csv_column_names = \[(.*)\]$)"), lines{names});
   EXPECT_EQ(matches(fleet, R"(^  csv_column_types = \[(.*)\]$)"), lines{types});
   EXPECT_EQ(matches(fleet, R"(&format=([^']*)'$)"), lines{format});
+}
+
+// vigilo-plot takes fields by position, and finds each where the program writes it.
+TEST(DocumentationTest, PlotReadsTheFieldsOfTheRawLine) {
+  using namespace com::orvex::engine;
+  lines positions;
+  int headings = 0;
+  for (const status_key& row : statusCatalogue) {
+    if (!row.inRaw) continue;
+    positions.push_back(std::string(row.key) + " " + std::to_string(positions.size()));
+    headings += row.rawHeading != nullptr;
+  }
+  const std::string plot = readDocument("tools/vigilo_plot.py");
+  const lines read = matches(plot, R"re(^    "(\w+)": (\d+),$)re");
+  EXPECT_EQ(read.size(), 7u);
+  for (const std::string& field : read) {
+    EXPECT_NE(std::find(positions.begin(), positions.end(), field), positions.end()) << field;
+  }
+  EXPECT_EQ(matches(plot, R"(^STANDARD_FIELDS = (\d+)$)"), lines{std::to_string(positions.size())});
+  EXPECT_EQ(matches(plot, R"(^HEADINGS = (\d+)$)"), lines{std::to_string(headings)});
 }
 
 TEST(DocumentationTest, ManualOptionsAreTheUsageTextsOptions) {
