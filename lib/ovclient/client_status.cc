@@ -72,7 +72,9 @@ const StatusFunctions clientFunctions =
 }  // namespace
 
 void client_status::recycler::operator()(client_status* status) const {
-  if (kept == nullptr) {
+  // An object grown by a large document is not kept: it would hold that memory in every thread
+  // that ever read one.
+  if (kept == nullptr && status->pairs.capacity() <= keptCapacity) {
     status->pairs.clear();
     kept.reset(status);
   } else {

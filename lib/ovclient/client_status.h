@@ -7,7 +7,7 @@
 // iteration state to free.
 //
 // A deleted object is kept for the thread's next document (one per thread), so that a poll
-// reuses the buffers of the poll before.
+// reuses the buffers of the poll before, unless a large document grew them past keptCapacity.
 #ifndef VIGILO_LIB_OVCLIENT_CLIENT_STATUS_H_
 #define VIGILO_LIB_OVCLIENT_CLIENT_STATUS_H_
 
@@ -20,6 +20,10 @@
 #include "status_document.h"
 
 namespace com::orvex::client {
+
+// Bytes of buffers that a connection or a thread keeps for its next document; what a larger one
+// grows is let go once it has been read.
+inline constexpr std::size_t keptCapacity = 64 * 1024;
 
 class client_status {
  public:

@@ -29,22 +29,6 @@ namespace {
 
 std::string userAgent = "ovclient";
 
-// Error texts carry excerpts of what the engine sent (a status line, a reason, a piece of the
-// document) and end up on a terminal: control bytes are shown escaped ("\x1b"), not sent.
-std::string printable(const std::string& text) {
-  std::string shown;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte >= 0x20 && byte != 0x7f) {
-      shown += c;
-    } else {
-      static const char digits[] = "0123456789abcdef";
-      shown += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
-    }
-  }
-  return shown;
-}
-
 std::string answered(const std::string& path, const client::http_response& r) {
   return "GET " + path + " answered " + std::to_string(r.status) +
          (r.reason.empty() ? "" : " " + r.reason);
@@ -117,11 +101,19 @@ extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* mana
       logLine(LogLevel::debug, printable(answered("/status", response)) + ", " +
                                    std::to_string(response.body.size()) + " bytes");
     }
-    if (response.status / 100 != 2) throw std::runtime_error(answered("/status", response));
     client_status::owned status = client_status::take();
-    if (!management->reader.read(response.body, status->pairs, management->why)) {
-      throw std::runtime_error("malformed status document: " + management->why);
+    std::string failure;
+    if (response.status / 100 != 2) {
+      failure = answered("/status", response);
+    } else if (!management->reader.read(response.body, status->pairs, management->why)) {
+      failure = "malformed status document: " + management->why;
     }
+    // A kept connection holds little between polls, however large an answer once was.
+    if (response.body.size() > keptCapacity) {
+      management->connection.shrink(keptCapacity);
+      management->reader.shrink(keptCapacity);
+    }
+    if (!failure.empty()) throw std::runtime_error(failure);
     return status.release()->handOut();
   } catch (const std::exception& e) {
     const std::string text = printable("Status request to engine at " +

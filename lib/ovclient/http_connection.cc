@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -44,13 +45,21 @@ std::string whereOf(const std::string& host, unsigned short port) {
   return (ipv6Literal ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
+// How often a wait looks at the caller's abandon flag.
+constexpr int abandonCheckMs = 50;
+
+bool abandoned(const engine::EngineLimits& limits) {
+  return limits.abandon != nullptr && limits.abandon->load(std::memory_order_relaxed);
+}
+
 // Waits until `fd` is ready for `events`; false once the deadline has passed, however many bytes
-// keep arriving before it.
-bool waitFor(int fd, short events, clock_type::time_point deadline) {
+// keep arriving before it, or once the caller abandons the wait.
+bool waitFor(int fd, short events, clock_type::time_point deadline,
+             const engine::EngineLimits& limits) {
   for (;;) {
-    if (clock_type::now() >= deadline) return false;
+    if (clock_type::now() >= deadline || abandoned(limits)) return false;
     pollfd p{fd, events, 0};
-    const int ready = poll(&p, 1, msLeft(deadline));
+    const int ready = poll(&p, 1, std::min(msLeft(deadline), abandonCheckMs));
     if (ready > 0) return true;
     if (ready < 0 && errno != EINTR) return true;  // let the next call report the error
   }
@@ -73,7 +82,8 @@ struct resolution {
 // connect limit allows, so a name is resolved on a thread of its own and given up on at the
 // deadline. A numeric address needs no resolver.
 std::shared_ptr<resolution> resolve(const std::string& host, unsigned short port,
-                                    clock_type::time_point deadline) {
+                                    clock_type::time_point deadline,
+                                    const engine::EngineLimits& limits) {
   auto answer = std::make_shared<resolution>();
   const std::string service = std::to_string(port);
   addrinfo hints{};
@@ -95,8 +105,10 @@ std::shared_ptr<resolution> resolve(const std::string& host, unsigned short port
     answer->done.notify_one();
   }).detach();
   std::unique_lock<std::mutex> lock(answer->mutex);
-  if (!answer->done.wait_until(lock, deadline, [&] { return answer->finished; })) {
-    return nullptr;
+  while (!answer->finished) {
+    if (clock_type::now() >= deadline || abandoned(limits)) return nullptr;
+    answer->done.wait_until(
+        lock, std::min(deadline, clock_type::now() + std::chrono::milliseconds(abandonCheckMs)));
   }
   if (answer->rc != 0) {
     throw std::runtime_error(answer->rc == EAI_SYSTEM ? std::strerror(answer->error)
@@ -131,6 +143,19 @@ http_connection::http_connection(std::string host, unsigned short port,
 
 http_connection::~http_connection() { closeSocket(); }
 
+void http_connection::shrink(std::size_t bytes) {
+  reader.shrink(bytes);
+  if (response.body.capacity() > bytes) std::string().swap(response.body);
+}
+
+bool http_connection::givenUp(clock_type::time_point deadline) const {
+  return clock_type::now() >= deadline || abandoned(timeouts);
+}
+
+std::string http_connection::ended(int limitMs) const {
+  return abandoned(timeouts) ? "abandoned" : timedOut(limitMs);
+}
+
 void http_connection::closeSocket() {
   if (fd >= 0) close(fd);
   fd = -1;
@@ -139,8 +164,8 @@ void http_connection::closeSocket() {
 void http_connection::open() {
   if (fd >= 0) return;
   const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts.connectMs);
-  const std::shared_ptr<resolution> addresses = resolve(host, port, deadline);
-  if (addresses == nullptr) throw std::runtime_error(timedOut(timeouts.connectMs));
+  const std::shared_ptr<resolution> addresses = resolve(host, port, deadline, timeouts);
+  if (addresses == nullptr) throw std::runtime_error(ended(timeouts.connectMs));
   int left = 0;
   for (addrinfo* a = addresses->found; a != nullptr; a = a->ai_next) ++left;
   std::string cause = "no address";
@@ -148,7 +173,7 @@ void http_connection::open() {
     // Each address gets its share of the time that is left, so that one that never answers
     // leaves time for the next.
     const auto now = clock_type::now();
-    if (now >= deadline) break;
+    if (now >= deadline || abandoned(timeouts)) break;
     const auto until = now + (deadline - now) / left;
     const int candidate =
         socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
@@ -157,14 +182,14 @@ void http_connection::open() {
       error = errno;
       if (error == EINPROGRESS) {
         error = ETIMEDOUT;
-        if (waitFor(candidate, POLLOUT, until)) {
+        if (waitFor(candidate, POLLOUT, until, timeouts)) {
           socklen_t length = sizeof error;
           getsockopt(candidate, SOL_SOCKET, SO_ERROR, &error, &length);
         }
       }
     }
     if (error != 0) {
-      cause = error == ETIMEDOUT ? timedOut(timeouts.connectMs) : std::strerror(error);
+      cause = error == ETIMEDOUT ? ended(timeouts.connectMs) : std::strerror(error);
       if (candidate >= 0) close(candidate);
       continue;
     }
@@ -206,9 +231,9 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
     } else if (errno != EAGAIN && errno != EINTR) {
       result.error = std::strerror(errno);
       return result;
-    } else if (clock_type::now() >= deadline) {
+    } else if (givenUp(deadline)) {
       result.timedOut = true;
-      result.error = timedOut(timeouts.responseMs);
+      result.error = ended(timeouts.responseMs);
       return result;
     }
   }
@@ -216,10 +241,10 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
   reader.reset();
   char buffer[65536];
   while (reader.current() == http_response_reader::state::reading) {
-    if (clock_type::now() >= deadline) {
+    if (givenUp(deadline)) {
       result.timedOut = true;
       result.receivedAnything = reader.receivedAnything();
-      result.error = timedOut(timeouts.responseMs);
+      result.error = ended(timeouts.responseMs);
       return result;
     }
     const ssize_t n = recv(fd, buffer, sizeof buffer, 0);

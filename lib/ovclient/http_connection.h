@@ -38,6 +38,8 @@ class http_connection {
   const std::string& where() const { return location; }
 
   void setTimeouts(engine::EngineLimits limits) { timeouts = limits; }
+  // Lets go of buffers grown past `bytes` by a large response; the next one grows them again.
+  void shrink(std::size_t bytes);
 
   // Connects if not connected. Throws std::runtime_error with the cause ("Connection refused").
   void open();
@@ -49,6 +51,9 @@ class http_connection {
   struct exchange_result;
   exchange_result exchange(const std::string& path, clock_type::time_point deadline);
   bool peerClosed() const;
+  // Whether the deadline has passed or the caller has abandoned the connection, and which.
+  bool givenUp(clock_type::time_point deadline) const;
+  std::string ended(int limitMs) const;
   void closeSocket();
 
   const std::string host;

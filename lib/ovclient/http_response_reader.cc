@@ -39,6 +39,12 @@ bool hasToken(std::string_view list, std::string_view token) {
 http_response_reader::http_response_reader(std::size_t headerLimit, std::size_t bodyLimit)
     : headerLimit(headerLimit), bodyLimit(bodyLimit) {}
 
+void http_response_reader::shrink(std::size_t bytes) {
+  for (std::string* buffer : {&partialLine, &line, &content}) {
+    if (buffer->capacity() > bytes) std::string().swap(*buffer);
+  }
+}
+
 void http_response_reader::reset() {
   progress = state::reading;
   at = phase::statusLine;

@@ -24,6 +24,8 @@ class http_response_reader {
 
   // Makes the reader ready for the next response; its buffers stay allocated.
   void reset();
+  // Lets go of buffers grown past `bytes`.
+  void shrink(std::size_t bytes);
 
   // Takes the next bytes of the connection. Bytes after a complete response are dropped, and the
   // connection is then not reused.

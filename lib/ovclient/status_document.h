@@ -26,6 +26,8 @@ class pair_table {
  public:
   void clear();
   void add(std::string_view key, std::string_view value);
+  // Bytes that the table holds, whatever it holds now.
+  std::size_t capacity() const { return text.capacity() + offsets.capacity() * sizeof(offsets[0]); }
   std::size_t size() const { return offsets.size(); }
   const char* key(std::size_t i) const { return text.data() + offsets[i].first; }
   std::size_t keyLength(std::size_t i) const { return offsets[i].second - offsets[i].first - 1; }
@@ -45,6 +47,8 @@ class status_document_reader {
 
   // Reads `document` into `pairs`, or returns false with `error` set.
   bool read(std::string_view document, pair_table& pairs, std::string& error);
+  // Lets go of buffers grown past `bytes`, as a document of that size grows them.
+  void shrink(std::size_t bytes);
 
  private:
   simdjson::dom::parser parser;

@@ -45,4 +45,18 @@ void logLine(LogLevel level, const std::string& text) {
   (void)!write(STDERR_FILENO, line.data(), line.size());
 }
 
+std::string printable(std::string_view text) {
+  std::string shown;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      shown += c;
+    } else {
+      static const char digits[] = "0123456789abcdef";
+      shown += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
+    }
+  }
+  return shown;
+}
+
 }  // namespace com::orvex

@@ -3,6 +3,8 @@
 #ifndef VIGILO_SRC_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_
 #define VIGILO_SRC_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_
 
+#include <atomic>
+
 #include "ovclient/StatusOpaque.h"
 
 namespace com::orvex::engine {
@@ -23,10 +25,12 @@ EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short po
                                              const char* reserved);
 
 // A connection's limits, in milliseconds: connecting (name resolution included) and each whole
-// response.
+// response. `abandon`, when set, is a flag of the caller's that ends whatever the connection is
+// doing, within 50 ms, as a failure once it turns true: for a caller that must stop at once.
 struct EngineLimits {
   int connectMs = 5000;
   int responseMs = 30000;
+  const std::atomic<bool>* abandon = nullptr;
 };
 
 // As connectToEngineMonitorOnly, within `limits` rather than those the environment sets

@@ -5,6 +5,7 @@
 #define VIGILO_SRC_PLATFORM_OVCOMMON_LOG_H_
 
 #include <string>
+#include <string_view>
 
 namespace com::orvex {
 
@@ -24,6 +25,10 @@ void setLogLevel(LogLevel level);
 bool logEnabled(LogLevel level);
 // Writes "2026-11-22 10:00:00.123 INFO  text" when the level is enabled.
 void logLine(LogLevel level, const std::string& text);
+
+// `text` fit for a log line or a terminal: control bytes are shown escaped ("\x1b"), not sent.
+// Texts that other programs sent (an engine's status line, a client's request) go through it.
+std::string printable(std::string_view text);
 
 }  // namespace com::orvex
 
