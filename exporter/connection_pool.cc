@@ -6,8 +6,12 @@
 
 namespace exporter {
 
-connection_pool::connection_pool(std::size_t capacity, std::chrono::milliseconds idleTime)
-    : capacity(capacity), idleTime(idleTime), janitor([this] { closeExpired(); }) {}
+connection_pool::connection_pool(std::size_t descriptors, std::size_t maxIdle,
+                                 std::chrono::milliseconds idleTime)
+    : descriptors(descriptors),
+      maxIdle(maxIdle),
+      idleTime(idleTime),
+      janitor([this] { closeExpired(); }) {}
 
 connection_pool::~connection_pool() {
   {
@@ -19,6 +23,21 @@ connection_pool::~connection_pool() {
   for (const auto& [target, entry] : idle) close(entry.connection);
 }
 
+bool connection_pool::startProbe() {
+  std::vector<EngineManagement*> unwanted;
+  bool started = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    while (idle.size() + (probes + 1) * perProbe > descriptors && !idle.empty()) {
+      unwanted.push_back(removeOldest());
+    }
+    started = idle.size() + (probes + 1) * perProbe <= descriptors;
+    probes += started;
+  }
+  for (EngineManagement* connection : unwanted) close(connection);
+  return started;
+}
+
 EngineManagement* connection_pool::take(const std::string& target) {
   std::lock_guard<std::mutex> lock(mutex);
   const auto found = idle.find(target);
@@ -28,24 +47,25 @@ EngineManagement* connection_pool::take(const std::string& target) {
   return connection;
 }
 
-void connection_pool::giveBack(const std::string& target, EngineManagement* connection) {
+void connection_pool::endProbe(const std::string& target, EngineManagement* connection) {
   EngineManagement* unwanted = connection;
   {
     std::lock_guard<std::mutex> lock(mutex);
-    if (capacity > 0 && !idle.contains(target)) {
-      if (idle.size() == capacity) {
-        const auto oldest = std::min_element(idle.begin(), idle.end(), [](auto& a, auto& b) {
-          return a.second.since < b.second.since;
-        });
-        unwanted = oldest->second.connection;
-        idle.erase(oldest);
-      } else {
-        unwanted = nullptr;
-      }
+    --probes;
+    if (connection != nullptr && maxIdle > 0 && !idle.contains(target)) {
+      unwanted = idle.size() == maxIdle ? removeOldest() : nullptr;
       idle.emplace(target, idle_connection{connection, clock_type::now()});
     }
   }
   close(unwanted);
+}
+
+EngineManagement* connection_pool::removeOldest() {
+  const auto oldest = std::min_element(
+      idle.begin(), idle.end(), [](auto& a, auto& b) { return a.second.since < b.second.since; });
+  EngineManagement* connection = oldest->second.connection;
+  idle.erase(oldest);
+  return connection;
 }
 
 void connection_pool::close(EngineManagement* connection) {

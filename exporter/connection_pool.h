@@ -1,6 +1,15 @@
-// The exporter's connections to engines: one kept-alive connection per target, reused from one
-// scrape to the next and closed after an idle time. A connection is used by one probe at a time:
-// take() hands it over and giveBack() returns it. Thread-safe; no call waits on an engine.
+// The exporter's connections to engines, and the file descriptors they may use.
+//
+// Connections: one kept-alive connection per target, reused from one scrape to the next and
+// closed after an idle time. A connection is used by one probe at a time: take() hands it over
+// and endProbe() takes it back.
+//
+// Descriptors: a probe in flight holds `perProbe` of them (its connection and its name lookup's
+// socket), an idle connection one. A probe that finds them all spent closes the longest idle
+// connections for its own; it is refused only when probes in flight hold them all, so that a
+// probe never fails for want of a descriptor, which would read as an engine that is down.
+//
+// Thread-safe; no call waits on an engine.
 #ifndef VIGILO_EXPORTER_CONNECTION_POOL_H_
 #define VIGILO_EXPORTER_CONNECTION_POOL_H_
 
@@ -22,18 +31,23 @@ using com::orvex::engine::EngineManagement;
 class connection_pool {
  public:
   using clock_type = std::chrono::steady_clock;
+  static constexpr std::size_t perProbe = 2;
 
-  // Holds at most `capacity` idle connections; each closes once idle for `idleTime`.
-  connection_pool(std::size_t capacity, std::chrono::milliseconds idleTime);
+  // Engines may have `descriptors` in all; at most `maxIdle` idle connections are kept, each
+  // closed once idle for `idleTime`.
+  connection_pool(std::size_t descriptors, std::size_t maxIdle, std::chrono::milliseconds idleTime);
   ~connection_pool();  // closes every idle connection
   connection_pool(const connection_pool&) = delete;
   connection_pool& operator=(const connection_pool&) = delete;
 
-  // The idle connection to `target`, now the caller's, or null.
+  // Takes a probe's descriptors; false when probes in flight hold them all.
+  bool startProbe();
+  // The idle connection to `target`, now the probe's, or null.
   EngineManagement* take(const std::string& target);
-  // Keeps a working connection for the next probe of `target`; a second one to the same target,
-  // or one beyond capacity (then the longest idle goes), is closed.
-  void giveBack(const std::string& target, EngineManagement* connection);
+  // Gives the probe's descriptors back, keeping `connection` (when not null) for the next probe
+  // of `target`; a second one to the same target is closed, and beyond `maxIdle` the longest
+  // idle goes.
+  void endProbe(const std::string& target, EngineManagement* connection);
   // Closes a connection that failed or is not wanted.
   static void close(EngineManagement* connection);
 
@@ -44,13 +58,17 @@ class connection_pool {
     EngineManagement* connection;
     clock_type::time_point since;
   };
+  // Removes the longest idle connection, for the caller to close.
+  EngineManagement* removeOldest();
   void closeExpired();  // the janitor thread
 
-  const std::size_t capacity;
+  const std::size_t descriptors;
+  const std::size_t maxIdle;
   const std::chrono::milliseconds idleTime;
   mutable std::mutex mutex;
   std::condition_variable stopping;
   bool stop = false;
+  std::size_t probes = 0;  // in flight
   std::map<std::string, idle_connection> idle;
   std::thread janitor;
 };

@@ -23,7 +23,7 @@ std::string parse(std::vector<std::string> args) {
   if (options.probeTimeout != milliseconds(10000)) {
     outcome += "timeout " + std::to_string(options.probeTimeout.count()) + ";";
   }
-  if (!options.allowed.allow({"10.1.1.1", 1}).empty()) outcome += "allows 10.1.1.1;";
+  if (options.allowed.allowsAll({"10.1.1.1"})) outcome += "allows 10.1.1.1;";
   if (options.help) outcome += "help;";
   if (options.version) outcome += "version;";
   return outcome;

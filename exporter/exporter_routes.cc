@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "exposition.h"
+#include "ovcommon/log.h"
 
 namespace exporter {
 
@@ -34,27 +35,32 @@ std::chrono::milliseconds probeTimeLimit(std::chrono::milliseconds probeTimeout,
   return std::chrono::milliseconds(static_cast<long long>(ms));
 }
 
-void installRoutes(ovhttp::bounded_server& server, prober& probes, const target_rules& allowed,
+void installRoutes(ovhttp::bounded_server& server, prober& probes,
                    std::chrono::milliseconds probeTimeout) {
   server.Get("/", [](const httplib::Request&, httplib::Response& res) {
     res.set_content(homePage, "text/html; charset=utf-8");
   });
-  server.Get("/probe", [&probes, &allowed, probeTimeout](const httplib::Request& req,
-                                                         httplib::Response& res) {
+  server.Get("/probe", [&probes, probeTimeout](const httplib::Request& req,
+                                               httplib::Response& res) {
     if (!req.has_param("target")) return reply(res, 400, "no target: ask /probe?target=HOST:PORT");
     const std::string text = req.get_param_value("target");
     const auto t = parseTarget(text);
-    if (!t) return reply(res, 400, "bad target " + text + ": expected HOST:PORT");
-    const std::vector<std::string> addresses = allowed.allow(*t);
-    if (addresses.empty()) return reply(res, 403, "target " + text + " is not allowed");
+    if (!t)
+      return reply(res, 400, "bad target " + com::orvex::printable(text) + ": expected HOST:PORT");
+    const std::string debug = req.get_param_value("debug");
+    if (!debug.empty() && debug != "true" && debug != "false") {
+      return reply(res, 400,
+                   "bad debug " + com::orvex::printable(debug) + ": expected true or false");
+    }
     const auto limit =
         probeTimeLimit(probeTimeout, req.get_header_value("X-Prometheus-Scrape-Timeout-Seconds"));
-    const std::optional<std::string> metrics = probes.probe(*t, addresses, limit);
-    if (!metrics) {
-      res.set_header("Retry-After", "1");
-      return reply(res, 503, "too many probes at once");
+    prober::answer answer = probes.probe(*t, limit, debug == "true");
+    if (answer.status != 200) {
+      if (answer.status == 503) res.set_header("Retry-After", "1");
+      return reply(res, answer.status, answer.body);
     }
-    res.set_content(*metrics, expositionType);
+    res.set_content(std::move(answer.body),
+                    debug == "true" ? "text/plain; charset=utf-8" : expositionType);
   });
   server.Get("/metrics", [&probes, &server](const httplib::Request&, httplib::Response& res) {
     exporter_figures figures = probes.figures();

@@ -1,5 +1,6 @@
-// The exporter's HTTP interface: GET /probe?target=HOST:PORT (one engine's metrics), GET /metrics
-// (the exporter's own) and GET / (a page that links both).
+// The exporter's HTTP interface: GET /probe?target=HOST:PORT (one engine's metrics; with
+// &debug=true the probe's steps before them), GET /metrics (the exporter's own) and GET / (a page
+// that links both).
 #ifndef VIGILO_EXPORTER_EXPORTER_ROUTES_H_
 #define VIGILO_EXPORTER_EXPORTER_ROUTES_H_
 
@@ -7,7 +8,6 @@
 
 #include "bounded_server.h"
 #include "prober.h"
-#include "targets.h"
 
 namespace exporter {
 
@@ -18,7 +18,7 @@ std::chrono::milliseconds probeTimeLimit(std::chrono::milliseconds probeTimeout,
                                          const std::string& scrapeTimeoutHeader);
 
 // Installs the routes; the objects must outlive the server.
-void installRoutes(ovhttp::bounded_server& server, prober& probes, const target_rules& allowed,
+void installRoutes(ovhttp::bounded_server& server, prober& probes,
                    std::chrono::milliseconds probeTimeout);
 
 }  // namespace exporter

@@ -4,29 +4,33 @@
 #include <httplib.h>
 #include <signal.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 
 #include "exporter_options.h"
+#include "testing/fake_engine.h"
 #include "testing/process.h"
+#include "testing/raw_http.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using vigilo::test_support::engine_process;
-using vigilo::test_support::runProcess;
-using vigilo::test_support::server_process;
+using namespace vigilo::test_support;
 
 // The exporter on a free loopback port, started by `wrapper` (such as valgrind) when one is given.
 struct running_exporter : server_process {
-  explicit running_exporter(std::vector<std::string> wrapper = {})
+  explicit running_exporter(std::vector<std::string> wrapper = {},
+                            const std::vector<std::string>& options = {})
       : server_process(
             [&] {
               wrapper.insert(wrapper.end(), {EXPORTER_BINARY, "--web.listen-address=127.0.0.1:0"});
+              wrapper.insert(wrapper.end(), options.begin(), options.end());
               return wrapper;
             }(),
             "vigilo-exporter", 120s),
@@ -52,14 +56,23 @@ std::vector<std::vector<std::string>> wrappers() {
 
 class ExporterTest : public ::testing::TestWithParam<std::vector<std::string>> {};
 
+// Started with a soft open-file limit below its hard one, the exporter raises it, and shares the
+// descriptors out: 2048, less 64 of its own, a quarter of the rest for its clients and 256 for
+// the probes in flight. (Valgrind keeps the limit as it finds it.)
+// A stop ends it within a second, with probes in flight that would take five.
 TEST_P(ExporterTest, AnswersProbesAndRefusesWithAReason) {
   engine_process engine(OVENGINE_BINARY);
-  running_exporter exporter(GetParam());
+  std::vector<std::string> wrapper = GetParam();
+  if (wrapper.empty()) wrapper = {"/usr/bin/prlimit", "--nofile=256:2048", "--"};
+  running_exporter exporter(wrapper, {"--probe.timeout=5s"});
   exporter.client.set_read_timeout(60);
   const std::string target = "127.0.0.1:" + std::to_string(engine.port());
   const std::pair<std::string, std::string> refusals[] = {
       {"/probe", "400 no target: ask /probe?target=HOST:PORT\n"},
       {"/probe?target=engine", "400 bad target engine: expected HOST:PORT\n"},
+      {"/probe?target=127.0.0.1%00junk%1b:1",
+       "400 bad target 127.0.0.1\\x00junk\\x1b:1: expected HOST:PORT\n"},
+      {"/probe?target=" + target + "&debug=yes", "400 bad debug yes: expected true or false\n"},
       {"/probe?target=10.0.0.1:15903", "403 target 10.0.0.1:15903 is not allowed\n"},
       {"/nope", "404 no such resource /nope\n"},
   };
@@ -81,15 +94,39 @@ TEST_P(ExporterTest, AnswersProbesAndRefusesWithAReason) {
       << metrics->body;
   EXPECT_EQ(promtoolCheck(metrics->body), "0");
 
+  fake_engine silent([](const std::string& path, int) {
+    return path == "/ping" ? httpReply(200, "OK", "pong") : fake_reply{"", false, true};
+  });
+  std::vector<int> waiting;
+  for (int i = 0; i < 5; ++i) {
+    waiting.push_back(connectTo(exporter.port()));
+    const std::string ask =
+        request("GET", "/probe?target=127.0.0.1:" + std::to_string(silent.port()), "");
+    (void)!send(waiting.back(), ask.data(), ask.size(), MSG_NOSIGNAL);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + 60s;
+  while (silent.requestsSeen() < 10 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(1ms);  // five of /ping and /status each
+  }
+  ASSERT_EQ(silent.requestsSeen(), 10);
   const auto started = std::chrono::steady_clock::now();
   exporter.signal(SIGTERM);
   const auto stopped = exporter.finish(120s);
   if (GetParam().empty()) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, 1s);
   }
+  for (const int fd : waiting) close(fd);
   EXPECT_EQ(stopped.status, 0);
-  EXPECT_EQ(stopped.out, "vigilo-exporter listening on 127.0.0.1:" +
-                             std::to_string(exporter.port()) + "\nvigilo-exporter stopped\n");
+  const std::string listening =
+      "vigilo-exporter listening on 127.0.0.1:" + std::to_string(exporter.port()) + "\n";
+  EXPECT_EQ(stopped.out, listening +
+                             (GetParam().empty()
+                                  ? "vigilo-exporter keeps up to 1232 idle connections to engines "
+                                    "(open file limit 2048)\n"
+                                  : stopped.out.substr(listening.size(),
+                                                       stopped.out.find('\n', listening.size()) +
+                                                           1 - listening.size())) +
+                             "vigilo-exporter stopped\n");
   EXPECT_EQ(stopped.err, "");
 }
 
@@ -104,6 +141,49 @@ TEST(ExporterCommandLineTest, RefusesABadOne) {
                                                  "--probe.timeout: 0\n\n") +
                                          exporter::exporterUsage);
 }
+
+// A figure of /proc/PID/status, in kB.
+long statusField(pid_t pid, const std::string& field) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with(field + ":")) return std::stol(line.substr(field.size() + 1));
+  }
+  return -1;
+}
+
+#ifndef VIGILO_SANITIZED
+// Eight engines answer 8 MiB at once, then little: the exporter's peak stays within four times
+// the answers in flight, and afterwards its kept connections hold 100 KiB each at most.
+TEST(ExporterMemoryTest, LargeAnswersAreNotKept) {
+  const int n = 8;
+  const std::string large =
+      statusReply({{"numProcessed", "1"}, {"user-big", std::string(8 << 20, 'x')}}).bytes;
+  std::vector<std::unique_ptr<fake_engine>> engines;
+  for (int i = 0; i < n; ++i) {
+    engines.push_back(std::make_unique<fake_engine>([&](const std::string& path, int request) {
+      return path == "/ping" ? httpReply(200, "OK", "pong")
+             : request == 1  ? fake_reply{large}
+                             : statusReply({});
+    }));
+  }
+  running_exporter exporter;
+  const long start = statusField(exporter.pid(), "VmRSS");
+  std::vector<std::thread> scrapers;
+  std::atomic<int> up{0};
+  for (int i = 0; i < n; ++i) {
+    scrapers.emplace_back([&, i] {
+      httplib::Client client("127.0.0.1", exporter.port());
+      client.set_read_timeout(60);
+      const auto res = client.Get("/probe?target=127.0.0.1:" + std::to_string(engines[i]->port()));
+      up += res && res->body.find("\norvex_up 1\n") != std::string::npos;
+    });
+  }
+  for (std::thread& scraper : scrapers) scraper.join();
+  EXPECT_EQ(up, n);
+  EXPECT_LE(statusField(exporter.pid(), "VmHWM") - start, n * 4 * 8 * 1024);
+  EXPECT_LE(statusField(exporter.pid(), "VmRSS") - start, n * 100 + 4 * 1024);
+}
+#endif
 
 // One answer of Prometheus's query API: the value of the series whose instance is `instance`,
 // or -1 when there is none yet.

@@ -9,28 +9,32 @@ namespace {
 
 using com::orvex::engine::EngineStatus;
 using namespace vigilo::test_support;
+using namespace std::chrono_literals;
 
-std::string engineMetrics(const fake_status_script& script) {
+const auto probeTime = std::chrono::system_clock::time_point(1'800'000'000'400ms);
+
+std::string engineMetrics(const fake_status_script& script, std::size_t* unparsed = nullptr) {
   std::string text;
-  appendEngineMetrics(text, EngineStatus(newFakeStatus(script)));
+  const std::size_t n = appendEngineMetrics(text, EngineStatus(newFakeStatus(script)), probeTime);
+  if (unparsed != nullptr) *unparsed = n;
   return text;
 }
 
-// The user-value part of an exposition: its two metrics' samples.
-std::string userSamples(const fake_status_script& script) {
-  const std::string text = engineMetrics(script);
-  std::string samples;
-  for (std::size_t at = text.find("\norvex_user"); at != std::string::npos;
-       at = text.find("\norvex_user", at + 1)) {
-    samples += text.substr(at + 1, text.find('\n', at + 1) - at);
+// The samples of one exposition whose metric names begin with `prefix`.
+std::string samples(const std::string& text, const std::string& prefix) {
+  std::string found;
+  for (std::size_t at = text.find("\n" + prefix); at != std::string::npos;
+       at = text.find("\n" + prefix, at + 1)) {
+    found += text.substr(at + 1, text.find('\n', at + 1) - at);
   }
-  return samples;
+  return found;
 }
 
 // Whole metric blocks of one exposition: seconds from milliseconds, 32-bit values narrowed, a
-// counter, the five persistence texts as the labels of one info metric, escaped label values.
+// counter, the persistence texts as numbers (two of them are not), escaped label values.
 TEST(ExpositionTest, ShowsTheCatalogueAsMetrics) {
-  const std::string text = engineMetrics(scriptOf(snapshot(4294967301ULL)));
+  std::size_t unparsed = 0;
+  const std::string text = engineMetrics(scriptOf(snapshot(4294967301ULL)), &unparsed);
   for (const char* block : {
            "# HELP orvex_uptime_seconds Time since the engine started.\n"
            "# TYPE orvex_uptime_seconds gauge\n"
@@ -39,39 +43,78 @@ TEST(ExpositionTest, ShowsTheCatalogueAsMetrics) {
            "# HELP orvex_events_processed_total Events processed.\n"
            "# TYPE orvex_events_processed_total counter\n"
            "orvex_events_processed_total 4294967301\n",
-           "# TYPE orvex_persistence_info gauge\n"
-           "orvex_persistence_info{snapshots=\"17\",last_snapshot_time=\"2026-11-22 10:00:00\","
-           "snapshot_wait_ms_ewma=\"1.5\",commit_ms_ewma=\"\",rows_changed_ewma=\"a,b\"} 1\n",
+           "# TYPE orvex_persistence_snapshots gauge\norvex_persistence_snapshots 17\n",
+           "\norvex_persistence_last_snapshot_timestamp_seconds 1795341600\n",
+           "\norvex_persistence_snapshot_wait_seconds 0.0015\n",
            "orvex_slowest_receiver_info{receiver=\"line1\\nline2\"} 1\n",
        }) {
     EXPECT_NE(text.find(block), std::string::npos) << block << "\nin\n" << text;
   }
-  // One HELP and one TYPE per metric: 23 of the catalogue, two of the user values.
-  EXPECT_EQ(std::count(text.begin(), text.end(), '#'), 2 * 25);
+  EXPECT_EQ(samples(text, "orvex_persistence_commit") + samples(text, "orvex_persistence_rows"),
+            "");
+  EXPECT_EQ(unparsed, 2u);
+  // One HELP and one TYPE per metric: 25 of the catalogue, the start time, two of the user
+  // values and the count of cut label values.
+  EXPECT_EQ(std::count(text.begin(), text.end(), '#'), 2 * 29);
 }
 
-TEST(ExpositionTest, BoundsUserValues) {
+TEST(ExpositionTest, ReadsNumbersAndTimesFromTexts) {
+  struct row {
+    std::string key, value, prefix, samples;
+    std::size_t unparsed;
+  };
+  const std::string last = "orvex_persistence_last_snapshot_timestamp_seconds ";
+  const row rows[] = {
+      {"persistenceLastSnapshotTime", "never", last, "", 0},
+      {"persistenceLastSnapshotTime", "1795341600123", last, last + "1795341600.123\n", 0},
+      {"persistenceLastSnapshotTime", "2026-11-22T10:00:00.5Z", last, last + "1795341600.5\n", 0},
+      {"persistenceLastSnapshotTime", "2026-11-22 10:00", last, "", 1},
+      {"persistenceCommitTimeEwmaMillis", "250", "orvex_persistence_commit",
+       "orvex_persistence_commit_seconds 0.25\n", 0},
+      {"persistenceCommitTimeEwmaMillis", "nan", "orvex_persistence_commit", "", 1},
+      {"persistenceNumSnapshots", "12x", "orvex_persistence_snapshots", "", 1},
+      // The start time is the probe's time less the uptime, in whole seconds.
+      {"uptime", "5000", "orvex_start", "orvex_start_time_seconds 1799999995\n", 0},
+      {"uptime", "4400", "orvex_start", "orvex_start_time_seconds 1799999996\n", 0},
+  };
+  for (const row& r : rows) {
+    fake_status_script script;
+    script.pairs = {{r.key, r.value}};
+    std::size_t unparsed = 0;
+    const std::string text = engineMetrics(script, &unparsed);
+    EXPECT_EQ(samples(text, r.prefix), r.samples) << r.key << " " << r.value;
+    EXPECT_EQ(unparsed, r.unparsed) << r.key << " " << r.value;
+  }
+}
+
+TEST(ExpositionTest, BoundsUserValuesAndLabels) {
   fake_status_script script;
   script.pairs = {{"user-a", "1"}, {"numContexts", "4"}, {"user-a", "2"}, {"user-q", "\"\\\n"}};
-  EXPECT_EQ(userSamples(script),
-            "orvex_user_status_info{key=\"user-a\",value=\"1\"} 1\n"
-            "orvex_user_status_info{key=\"user-q\",value=\"\\\"\\\\\\n\"} 1\n"
-            "orvex_user_status_omitted 0\n");
+  EXPECT_EQ(
+      samples(engineMetrics(script), "orvex_user") + samples(engineMetrics(script), "orvex_label"),
+      "orvex_user_status_info{key=\"user-a\",value=\"1\"} 1\n"
+      "orvex_user_status_info{key=\"user-q\",value=\"\\\"\\\\\\n\"} 1\n"
+      "orvex_user_status_omitted 0\n"
+      "orvex_label_values_truncated 0\n");
 
   // Cut at a character boundary: 255 bytes of "a" then a two-byte character.
   script.pairs = {{"user-long", std::string(255, 'a') + "\xc3\xa9" + "tail"}};
-  EXPECT_EQ(userSamples(script), "orvex_user_status_info{key=\"user-long\",value=\"" +
-                                     std::string(255, 'a') +
-                                     "\"} 1\n"
-                                     "orvex_user_status_omitted 0\n");
+  EXPECT_EQ(
+      samples(engineMetrics(script), "orvex_user_status_info"),
+      "orvex_user_status_info{key=\"user-long\",value=\"" + std::string(255, 'a') + "\"} 1\n");
 
-  script.pairs.clear();
+  // The largest answer: every label value as long as can be and all of it escaped, and more
+  // user values than are shown.
+  const std::string huge(1 << 20, '"');
+  script.pairs = {{"mostBackedUpInputContext", huge}, {"slowestReceiver", huge}};
   for (std::size_t i = 0; i < maxUserSeries + 3; ++i) {
-    script.pairs.push_back({"user-" + std::to_string(1000 + i), "v"});
+    script.pairs.push_back({"user-" + std::to_string(1000 + i) + huge, huge});
   }
-  const std::string samples = userSamples(script);
-  EXPECT_EQ(std::count(samples.begin(), samples.end(), '\n'), maxUserSeries + 1);
-  EXPECT_TRUE(samples.ends_with("key=\"user-1063\",value=\"v\"} 1\norvex_user_status_omitted 3\n"));
+  std::string text = engineMetrics(script);
+  appendProbeResult(text, true, 1e-9);
+  EXPECT_LE(text.size(), maxEngineAnswer);
+  EXPECT_EQ(samples(text, "orvex_user_status_omitted") + samples(text, "orvex_label"),
+            "orvex_user_status_omitted 3\norvex_label_values_truncated 130\n");
 }
 
 }  // namespace

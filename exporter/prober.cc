@@ -1,9 +1,10 @@
 #include "prober.h"
 
 #include <algorithm>
-#include <cstdlib>
+#include <cstdio>
 
 #include "ovcommon/EngineException.h"
+#include "ovcommon/log.h"
 #include "status/EngineStatus.h"
 
 namespace exporter {
@@ -11,82 +12,156 @@ namespace exporter {
 namespace {
 
 using com::orvex::EngineException;
+using clock_type = std::chrono::steady_clock;
+
+constexpr std::chrono::minutes warningInterval{1};
+constexpr std::size_t maxWarnedTargets = 4096;
 
 // What is left before `deadline`, at least a millisecond: a limit of 0 would mean none.
-int remainingMs(std::chrono::steady_clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-      deadline - std::chrono::steady_clock::now());
+int remainingMs(clock_type::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
   return static_cast<int>(std::max<long long>(1, left.count()));
 }
 
+double secondsBetween(clock_type::time_point from, clock_type::time_point to) {
+  return std::chrono::duration<double>(to - from).count();
+}
+
+// The steps of one probe with their times, for a debug answer.
+class probe_steps {
+ public:
+  explicit probe_steps(clock_type::time_point start) : start(start), since(start) {}
+  void done(const char* step, const std::string& outcome) {
+    const auto now = clock_type::now();
+    char times[64];
+    std::snprintf(times, sizeof times, "%-8s at %.3f s, took %.3f s: ", step,
+                  secondsBetween(start, since), secondsBetween(since, now));
+    text += times + outcome + "\n";
+    since = now;
+  }
+  std::string text;
+
+ private:
+  const clock_type::time_point start;
+  clock_type::time_point since;
+};
+
 }  // namespace
 
-prober::prober(connection_pool& pool, std::size_t maxProbes) : pool(pool), maxProbes(maxProbes) {
+prober::prober(connection_pool& pool, const name_lookup& names, const target_rules& rules,
+               std::size_t maxProbes)
+    : pool(pool), names(names), rules(rules), maxProbes(maxProbes) {
   totals.durationBuckets.assign(probeBuckets().size(), 0);
 }
 
-std::optional<std::string> prober::probe(const target& t, const std::vector<std::string>& addresses,
-                                         std::chrono::milliseconds timeout) {
-  if (running.fetch_add(1) >= maxProbes) {
+prober::answer prober::probe(const target& t, std::chrono::milliseconds limit, bool debug) {
+  const auto refuse = [this](bool busy) -> answer {
     running.fetch_sub(1);
-    return std::nullopt;
-  }
+    std::lock_guard<std::mutex> lock(mutex);
+    ++(busy ? totals.refusedBusy : totals.refusedDescriptors);
+    return {503, busy ? "too many probes at once" : "no file descriptor left for a probe"};
+  };
+  if (running.fetch_add(1) >= maxProbes) return refuse(true);
+  if (!pool.startProbe()) return refuse(false);
   const auto start = clock_type::now();
-  std::string text;
-  const bool up = fetch(t, addresses, start + timeout, text);
-  const double seconds = std::chrono::duration<double>(clock_type::now() - start).count();
-  appendProbeResult(text, up, seconds);
-  record(up, seconds);
-  running.fetch_sub(1);
-  return text;
-}
-
-bool prober::fetch(const target& t, const std::vector<std::string>& addresses,
-                   clock_type::time_point deadline, std::string& text) {
-  const std::string key = t.host + ":" + std::to_string(t.port);
-  EngineManagement* connection = pool.take(key);
-  ++connectionsInUse;
-  bool up = false;
+  const auto deadline = start + limit;
+  const std::string where = (t.host.find(':') != std::string::npos ? "[" + t.host + "]" : t.host) +
+                            ":" + std::to_string(t.port);
+  probe_steps steps(start);
+  EngineManagement* connection = pool.take(where);
+  std::string metrics, cause;
+  std::size_t unparsed = 0;
+  bool allowed = true;
+  bool holding = false;  // counted in connectionsInUse
+  const char* step = "connect";
   try {
     if (connection != nullptr) {
-      com::orvex::engine::setEngineLimits(connection,
-                                          {remainingMs(deadline), remainingMs(deadline)});
-    }
-    for (std::size_t i = 0; connection == nullptr && i < addresses.size(); ++i) {
-      try {
-        connection = com::orvex::engine::connectToEngineWithin(
-            addresses[i].c_str(), t.port, {remainingMs(deadline), remainingMs(deadline)});
-      } catch (const EngineException&) {
-        if (i + 1 == addresses.size() || clock_type::now() >= deadline) throw;
+      com::orvex::engine::setEngineLimits(
+          connection, {remainingMs(deadline), remainingMs(deadline), &stopping});
+      steps.done(step, "kept connection");
+    } else {
+      step = "lookup";
+      const lookup_result found = names.resolve(t.host, deadline, stopping);
+      if (!found.error.empty()) throw EngineException(("no address: " + found.error).c_str());
+      std::string addresses;
+      for (const std::string& a : found.addresses) addresses += (addresses.empty() ? "" : " ") + a;
+      steps.done(step, addresses);
+      allowed = rules.named(t) || rules.allowsAll(found.addresses);
+      step = "connect";
+      // The connection goes to the addresses that were checked, not to what the name gives next.
+      for (std::size_t i = 0; allowed && connection == nullptr; ++i) {
+        try {
+          connection = com::orvex::engine::connectToEngineWithin(
+              found.addresses[i].c_str(), t.port,
+              {remainingMs(deadline), remainingMs(deadline), &stopping});
+        } catch (const EngineException&) {
+          if (i + 1 == found.addresses.size() || clock_type::now() >= deadline) throw;
+        }
       }
+      if (allowed) steps.done(step, "new connection");
     }
-    if (connection == nullptr) throw EngineException("no address to connect to");
-    char* error = nullptr;
-    StatusOpaque* status = engineManagement_getStatusOpaque(connection, &error);
-    std::free(error);
-    if (status != nullptr) {
-      appendEngineMetrics(text, com::orvex::engine::EngineStatus(status));
-      up = true;
+    if (allowed) {
+      holding = true;
+      ++connectionsInUse;
+      step = "request";
+      const com::orvex::engine::EngineStatus status =
+          com::orvex::engine::getEngineStatus(connection);
+      steps.done(step, "answered");
+      step = "read";
+      unparsed = appendEngineMetrics(metrics, status, std::chrono::system_clock::now());
+      steps.done(step, std::to_string(unparsed) + " texts that should hold numbers do not");
     }
-  } catch (const EngineException&) {
-    // The probe answers orvex_up 0; why is the engine's business, not the scrape's.
+  } catch (const std::exception& e) {
+    cause = e.what();
+    steps.done(step, "failed: " + cause);
   }
-  if (up) {
-    pool.giveBack(key, connection);
-  } else {
+  const bool up = allowed && cause.empty();
+  if (!up) {
     connection_pool::close(connection);
+    connection = nullptr;
   }
-  --connectionsInUse;
-  return up;
+  if (holding) --connectionsInUse;
+  pool.endProbe(where, connection);
+  running.fetch_sub(1);
+  if (!allowed) return {403, "target " + where + " is not allowed"};
+
+  const double seconds = secondsBetween(start, clock_type::now());
+  appendProbeResult(metrics, up, seconds);
+  record(up, seconds, unparsed);
+  if (!up && !stopping) warn(where, cause);
+  if (!debug) return {200, std::move(metrics)};
+  char heading[64];
+  std::snprintf(heading, sizeof heading, " within %.3f s\n", limit.count() / 1000.0);
+  return {200, "probe of " + where + heading + steps.text + (up ? "up" : "down: " + cause) +
+                   "\n\nmetrics of the probe:\n" + metrics};
 }
 
-void prober::record(bool up, double seconds) {
+void prober::record(bool up, double seconds, std::size_t unparsed) {
   std::lock_guard<std::mutex> lock(mutex);
   ++(up ? totals.successes : totals.failures);
+  totals.unparsedValues += unparsed;
   totals.durationSum += seconds;
   for (std::size_t i = 0; i < probeBuckets().size(); ++i) {
     if (seconds <= probeBuckets()[i]) ++totals.durationBuckets[i];
   }
+}
+
+void prober::warn(const std::string& where, const std::string& cause) {
+  const auto now = clock_type::now();
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto found = lastWarning.find(where);
+    if (found != lastWarning.end() && now - found->second < warningInterval) return;
+    if (found == lastWarning.end() && lastWarning.size() >= maxWarnedTargets) {
+      std::erase_if(lastWarning,
+                    [now](const auto& e) { return now - e.second >= warningInterval; });
+      if (lastWarning.size() >= maxWarnedTargets) return;
+    }
+    lastWarning[where] = now;
+  }
+  com::orvex::logLine(com::orvex::LogLevel::warning,
+                      "probe of " + where + " failed: " + com::orvex::printable(cause));
 }
 
 exporter_figures prober::figures() const {

@@ -1,9 +1,16 @@
-// Probes and kept connections against a scripted engine on loopback.
+// Probes, their name lookups and descriptors, against scripted engines on loopback.
 #include "prober.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <future>
+#include <map>
+#include <regex>
 
 #include "testing/fake_engine.h"
 #include "testing/process.h"
@@ -18,33 +25,54 @@ fake_reply engineAnswer(const std::string& path, int) {
   return path == "/ping" ? httpReply(200, "OK", "pong") : statusReply({{"numProcessed", "42"}});
 }
 
+fake_reply silentStatus(const std::string& path, int) {
+  return path == "/ping" ? httpReply(200, "OK", "pong") : fake_reply{"", false, true};
+}
+
 // A probe's text of an engine that did not answer, up to its duration, which varies.
 const std::string downText =
     "# HELP orvex_up Whether the engine answered the probe.\n# TYPE orvex_up gauge\norvex_up 0\n"
     "# HELP orvex_probe_duration_seconds How long the probe took.\n"
     "# TYPE orvex_probe_duration_seconds gauge\n";
 
-std::string withoutDuration(const std::optional<std::string>& text) {
-  return text ? text->substr(0, text->rfind("orvex_probe_duration_seconds ")) : "refused";
+std::string withoutDuration(const prober::answer& a) {
+  return a.status != 200 ? std::to_string(a.status) + " " + a.body
+                         : a.body.substr(0, a.body.rfind("orvex_probe_duration_seconds "));
+}
+
+std::size_t entries(const char* directory) {
+  const std::filesystem::directory_iterator it(directory);
+  return static_cast<std::size_t>(std::distance(begin(it), end(it)));
 }
 
 struct ProberTest : ::testing::Test {
   ProberTest() { com::orvex::engine::engineInit("prober_test"); }
   ~ProberTest() override { com::orvex::engine::engineShutdown(); }
-  connection_pool pool{8, 60s};
-  prober probes{pool, 1};
+  connection_pool pool{64, 8, 60s};
+  name_lookup names;
+  target_rules loopback;
+  prober probes{pool, names, loopback, 1};
 };
 
-// One connection serves the probes of a target. Where "::1" refuses (the engine listens on
-// 127.0.0.1 only, or the host has no ::1), the next address is tried.
+// One connection serves the probes of a target, found by name; where "::1" refuses (the engine
+// listens on 127.0.0.1 only) the next address is tried. The debug answer lists the steps.
 TEST_F(ProberTest, KeepsOneConnectionAcrossProbes) {
   fake_engine engine(engineAnswer);
-  for (int i = 0; i < 3; ++i) {
-    const auto text = probes.probe({"localhost", engine.port()}, {"::1", "127.0.0.1"}, 2s);
-    ASSERT_TRUE(text);
-    EXPECT_NE(text->find("\norvex_events_processed_total 42\n"), std::string::npos);
-    EXPECT_NE(text->find("\norvex_up 1\n"), std::string::npos);
+  const target localhost{"localhost", engine.port()};
+  for (int i = 0; i < 2; ++i) {
+    const prober::answer a = probes.probe(localhost, 2s, false);
+    EXPECT_NE(a.body.find("\norvex_events_processed_total 42\n"), std::string::npos) << a.body;
+    EXPECT_NE(a.body.find("\norvex_up 1\n"), std::string::npos);
   }
+  const std::string debug = probes.probe(localhost, 2s, true).body;
+  EXPECT_EQ(
+      std::regex_replace(debug.substr(0, debug.find("# HELP")), std::regex("\\d+\\.\\d{3}"), "T"),
+      "probe of localhost:" + std::to_string(engine.port()) +
+          " within T s\n"
+          "connect  at T s, took T s: kept connection\n"
+          "request  at T s, took T s: answered\n"
+          "read     at T s, took T s: 0 texts that should hold numbers do not\n"
+          "up\n\nmetrics of the probe:\n");
   // One /ping when the probe connects, one /status per probe.
   EXPECT_EQ(engine.connectionsAccepted(), 1);
   EXPECT_EQ(engine.requestsSeen(), 4);
@@ -53,24 +81,102 @@ TEST_F(ProberTest, KeepsOneConnectionAcrossProbes) {
 }
 
 // A probe ends within its time and answers the engine down; meanwhile, beyond the number of
-// probes at once, another is refused. A failed connection is not kept.
+// probes at once, another is refused. A failed connection is not kept, and a name whose
+// addresses the rules refuse is refused.
 TEST_F(ProberTest, AnEngineThatDoesNotAnswerIsDownInTime) {
   const unsigned short closed = closedLoopbackPort();
-  EXPECT_EQ(withoutDuration(probes.probe({"127.0.0.1", closed}, {"127.0.0.1"}, 2s)), downText);
-  fake_engine engine([](const std::string& path, int) {
-    return path == "/ping" ? httpReply(200, "OK", "pong") : fake_reply{"", false, true};
-  });
+  EXPECT_EQ(withoutDuration(probes.probe({"127.0.0.1", closed}, 2s, false)), downText);
+  fake_engine engine(silentStatus);
   const auto start = std::chrono::steady_clock::now();
   auto slow = std::async(std::launch::async, [&] {
-    return probes.probe({"127.0.0.1", engine.port()}, {"127.0.0.1"}, 500ms);
+    return probes.probe({"127.0.0.1", engine.port()}, 500ms, false);
   });
   while (engine.requestsSeen() < 2) std::this_thread::sleep_for(1ms);
-  EXPECT_EQ(withoutDuration(probes.probe({"127.0.0.1", engine.port()}, {"127.0.0.1"}, 500ms)),
-            "refused");
+  EXPECT_EQ(withoutDuration(probes.probe({"127.0.0.1", engine.port()}, 500ms, false)),
+            "503 too many probes at once");
   EXPECT_EQ(withoutDuration(slow.get()), downText);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
   EXPECT_EQ(probes.figures().failures, 2u);
+  EXPECT_EQ(probes.figures().refusedBusy, 1u);
   EXPECT_EQ(probes.figures().engineConnections, 0u);
+
+  target_rules elsewhere;
+  elsewhere.add("10.0.0.0/8");
+  prober refusing(pool, names, elsewhere, 1);
+  EXPECT_EQ(withoutDuration(refusing.probe({"localhost", 9}, 2s, false)),
+            "403 target localhost:9 is not allowed");
+}
+
+// A name server that never answers: lookups count among the probes at once, every one ends at its
+// probe's deadline with the engine down, the cause is logged once a minute, and no thread or
+// socket is left behind.
+TEST_F(ProberTest, ALookupThatIsNotAnsweredEndsAtTheDeadline) {
+  const int server = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  bind(server, reinterpret_cast<sockaddr*>(&address), length);
+  getsockname(server, reinterpret_cast<sockaddr*>(&address), &length);
+  const name_lookup silent("127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+  prober many(pool, silent, loopback, 16);
+  const std::size_t threads = entries("/proc/self/task");
+  const std::size_t files = entries("/proc/self/fd");
+  testing::internal::CaptureStderr();
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<std::future<prober::answer>> answers;
+  for (int i = 0; i < 17; ++i) {
+    answers.push_back(std::async(std::launch::async, [&] {
+      return many.probe({"engine.example", 15903}, 1s, true);
+    }));
+  }
+  std::map<std::string, int> outcomes;
+  for (auto& a : answers) {
+    const prober::answer answer = a.get();
+    const bool down =
+        answer.body.find("failed: no address: no answer in time\ndown:") != std::string::npos &&
+        answer.body.find("\norvex_up 0\n") != std::string::npos;
+    ++outcomes[down ? "down" : withoutDuration(answer)];
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+  EXPECT_EQ(outcomes,
+            (std::map<std::string, int>{{"down", 16}, {"503 too many probes at once", 1}}));
+  EXPECT_EQ(entries("/proc/self/task"), threads);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(entries("/proc/self/fd"), files);
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1);
+  EXPECT_NE(
+      log.find(" WARN  probe of engine.example:15903 failed: no address: no answer in time\n"),
+      std::string::npos)
+      << log;
+  close(server);
+}
+
+// Probes in flight take descriptors from idle connections, longest idle first; a probe that finds
+// none left is refused, and never reads as an engine that is down.
+TEST_F(ProberTest, ProbesTakeDescriptorsFromIdleConnections) {
+  fake_engine a(engineAnswer), b(engineAnswer), silent(silentStatus);
+  connection_pool three(3, 8, 60s);
+  prober probes(three, names, loopback, 4);
+  const auto up = [&](const fake_engine& e) {
+    const std::string text = probes.probe({"127.0.0.1", e.port()}, 2s, false).body;
+    return text.find("\norvex_up 1\n") != std::string::npos;
+  };
+  EXPECT_TRUE(up(a));
+  EXPECT_TRUE(up(b));  // two descriptors for the probe and one for a's idle connection
+  EXPECT_EQ(three.idleConnections(), 2u);
+  auto waiting = std::async(std::launch::async, [&] {
+    return probes.probe({"127.0.0.1", silent.port()}, 1s, false);  // a's connection closes
+  });
+  while (silent.requestsSeen() < 2) std::this_thread::sleep_for(1ms);
+  EXPECT_EQ(three.idleConnections(), 1u);
+  EXPECT_EQ(withoutDuration(probes.probe({"127.0.0.1", a.port()}, 2s, false)),
+            "503 no file descriptor left for a probe");
+  EXPECT_EQ(three.idleConnections(), 0u);
+  EXPECT_EQ(withoutDuration(waiting.get()), downText);
+  EXPECT_TRUE(up(a));
+  EXPECT_EQ(probes.figures().refusedDescriptors, 1u);
+  EXPECT_EQ(a.connectionsAccepted(), 2);
 }
 
 TEST_F(ProberTest, PoolBoundsAndExpiresIdleConnections) {
@@ -78,11 +184,12 @@ TEST_F(ProberTest, PoolBoundsAndExpiresIdleConnections) {
   const auto connect = [&] {
     return com::orvex::engine::connectToEngineWithin("127.0.0.1", engine.port(), {1000, 1000});
   };
-  connection_pool pool(2, 200ms);
-  pool.giveBack("a", connect());
-  pool.giveBack("a", connect());  // a second one to the same target is closed
-  pool.giveBack("b", connect());
-  pool.giveBack("c", connect());  // beyond capacity: the longest idle, a's, is closed
+  connection_pool pool(64, 2, 200ms);
+  for (const char* target : {"a", "a", "b", "c"}) {
+    ASSERT_TRUE(pool.startProbe());
+    // A second one to the same target is closed; beyond two, the longest idle, a's, goes.
+    pool.endProbe(target, connect());
+  }
   EXPECT_EQ(pool.idleConnections(), 2u);
   EXPECT_EQ(pool.take("a"), nullptr);
   EngineManagement* c = pool.take("c");

@@ -1,7 +1,6 @@
 #include "targets.h"
 
 #include <arpa/inet.h>
-#include <netdb.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -48,12 +47,6 @@ std::string_view bytesOf(const sockaddr_storage& address) {
   return {reinterpret_cast<const char*>(&a), sizeof a};
 }
 
-std::string textOf(const sockaddr_storage& address) {
-  char text[INET6_ADDRSTRLEN] = "";
-  inet_ntop(address.ss_family, bytesOf(address).data(), text, sizeof text);
-  return text;
-}
-
 }  // namespace
 
 std::optional<target> parseTarget(const std::string& text) {
@@ -67,8 +60,11 @@ std::optional<target> parseTarget(const std::string& text) {
   } else if (host.find(':') != std::string::npos) {
     return std::nullopt;  // an IPv6 address needs its brackets
   }
-  // No name or address is longer than 253 bytes.
-  const bool plain = host.size() <= 253 && host.find_first_of("[]/ \t\r\n") == std::string::npos;
+  // No name or address is longer than 253 bytes, or holds a blank or a control byte: a NUL
+  // would end the name early for the resolver.
+  const bool plain = host.size() <= 253 && host.find_first_of("[]/") == std::string::npos &&
+                     std::none_of(host.begin(), host.end(),
+                                  [](unsigned char c) { return c <= 0x20 || c == 0x7f; });
   if (!port || !plain) return std::nullopt;
   return target{host, *port};
 }
@@ -131,29 +127,18 @@ bool target_rules::inRanges(const sockaddr_storage& address) const {
   return false;
 }
 
-std::vector<std::string> target_rules::allow(const target& t) const {
-  for (const name& n : names) {
-    if (strcasecmp(n.host.c_str(), t.host.c_str()) == 0 && (n.port == 0 || n.port == t.port)) {
-      return {t.host};
-    }
-  }
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(t.host.c_str(), nullptr, &hints, &found) != 0) return {};
-  // The probe connects to the addresses that were checked, not to whatever the name resolves to
-  // by then.
-  std::vector<std::string> addresses;
-  bool allInRanges = true;
-  for (addrinfo* a = found; a != nullptr; a = a->ai_next) {
-    sockaddr_storage address{};
-    std::memcpy(&address, a->ai_addr, a->ai_addrlen);
-    allInRanges = allInRanges && inRanges(address);
-    addresses.push_back(textOf(address));
-  }
-  freeaddrinfo(found);
-  if (!allInRanges) addresses.clear();
-  return addresses;
+bool target_rules::named(const target& t) const {
+  return std::any_of(names.begin(), names.end(), [&t](const name& n) {
+    return strcasecmp(n.host.c_str(), t.host.c_str()) == 0 && (n.port == 0 || n.port == t.port);
+  });
+}
+
+bool target_rules::allowsAll(const std::vector<std::string>& addresses) const {
+  return !addresses.empty() &&
+         std::all_of(addresses.begin(), addresses.end(), [this](const std::string& text) {
+           sockaddr_storage address{};
+           return parseAddress(text, address) && inRanges(address);
+         });
 }
 
 }  // namespace exporter

@@ -1,7 +1,8 @@
 // Which engines the exporter may probe. An exporter that connects wherever a request says is an
 // open relay into its network, so every target is checked against the allowed ones: names (any
 // port, or one), and address ranges (CIDR), which a target's every address must lie in. Without
-// rules only loopback targets are allowed.
+// rules only loopback targets are allowed. The probe then connects to the addresses that were
+// checked, never to what a name resolves to by then.
 #ifndef VIGILO_EXPORTER_TARGETS_H_
 #define VIGILO_EXPORTER_TARGETS_H_
 
@@ -18,7 +19,8 @@ struct target {
   unsigned short port = 0;
 };
 
-// "HOST:PORT" or "[IPv6]:PORT", a host of at most 253 bytes, port 1 to 65535; nothing else.
+// "HOST:PORT" or "[IPv6]:PORT", a host of at most 253 bytes without blanks or control bytes, port
+// 1 to 65535; nothing else.
 std::optional<target> parseTarget(const std::string& text);
 
 class target_rules {
@@ -27,9 +29,10 @@ class target_rules {
   // "2001:db8::/32" (a bare address is a range of one). False when it is none of these.
   bool add(const std::string& rule);
 
-  // Where to connect for `t`, in order: its host when a name rule allows it, else its addresses
-  // when every one lies in an allowed range; none when the target is not allowed.
-  std::vector<std::string> allow(const target& t) const;
+  // Whether a name rule allows `t` as it is written, whatever its addresses.
+  bool named(const target& t) const;
+  // Whether there are `addresses` (numeric) and every one lies in an allowed range.
+  bool allowsAll(const std::vector<std::string>& addresses) const;
 
  private:
   struct range {

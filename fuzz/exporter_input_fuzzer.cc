@@ -43,14 +43,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         (bracketed ? "[" + t->host + "]" : t->host) + ":" + std::to_string(t->port);
     const auto again = exporter::parseTarget(written);
     if (!again || again->host != t->host || again->port != t->port) std::abort();
-    // Names would ask a name server; addresses are checked against the rules only.
-    if (numeric(t->host)) {
-      exporter::target_rules rules;
-      rules.add(pieces[1]);
-      for (const std::string& address : rules.allow(*t)) {
-        if (address.empty()) std::abort();
-      }
+    // Names would ask a name server; addresses are checked against the rules only. No control
+    // byte gets through: a NUL would end the name early for the resolver.
+    for (const char c : t->host) {
+      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) std::abort();
     }
+    exporter::target_rules rules;
+    rules.add(pieces[1]);
+    const bool allowed = rules.named(*t) || rules.allowsAll({t->host});
+    if (allowed && !numeric(t->host) && !rules.named(*t)) std::abort();
+
   }
 
   const std::chrono::milliseconds configured(10000);

@@ -23,7 +23,7 @@ namespace com::orvex::client {
 
 // Bytes of buffers that a connection or a thread keeps for its next document; what a larger one
 // grows is let go once it has been read.
-inline constexpr std::size_t keptCapacity = 64 * 1024;
+inline constexpr std::size_t keptCapacity = 16 * 1024;
 
 class client_status {
  public:

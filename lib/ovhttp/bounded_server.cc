@@ -93,11 +93,12 @@ void blockStopSignals() {
   signal(SIGPIPE, SIG_IGN);
 }
 
-bool serveUntilStopSignal(bounded_server& server) {
-  std::thread stopper([&server] {
+bool serveUntilStopSignal(bounded_server& server, const std::function<void()>& onStop) {
+  std::thread stopper([&server, &onStop] {
     const sigset_t signals = stopSignals();
     int signal = 0;
     sigwait(&signals, &signal);
+    if (onStop) onStop();
     server.shutdown();
   });
   const bool served = server.serve();

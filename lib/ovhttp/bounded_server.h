@@ -21,6 +21,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -64,9 +65,10 @@ void blockStopSignals();
 
 class bounded_server;
 
-// Serves until SIGINT or SIGTERM, which a thread of its own turns into shutdown() outside signal
-// context; false when serving failed.
-bool serveUntilStopSignal(bounded_server& server);
+// Serves until SIGINT or SIGTERM, which a thread of its own turns into `onStop` and shutdown()
+// outside signal context; false when serving failed. `onStop` ends what the handlers are waiting
+// on, so that the stop is not held up by them.
+bool serveUntilStopSignal(bounded_server& server, const std::function<void()>& onStop = {});
 
 class bounded_server : public httplib::Server {
  public:

@@ -17,9 +17,15 @@ enum class value_kind {
   text,  // getStatusString, written as received
 };
 
-// How the exporter shows a value: a counter, a gauge, or a label of an `_info` metric whose value
-// is 1 (the rows of one info metric stand together, the first with its help).
-enum class metric_type { counter, gauge, info };
+// How the exporter shows a value. A `_seconds` metric of a duration comes from the engine's
+// milliseconds.
+enum class metric_type {
+  counter,
+  gauge,
+  info,       // the text as the one label of an `_info` metric whose value is 1
+  number,     // a gauge read from a text that holds a decimal number
+  timestamp,  // a gauge read from a text that holds a time of day; absent while it says "never"
+};
 
 struct status_key {
   const char* key;  // spelled as the engine spells it
@@ -30,8 +36,8 @@ struct status_key {
   const char* label;       // label of that line, colon included
   const char* metric;      // the Prometheus metric that shows it
   metric_type metricType;
-  const char* metricHelp;   // null for the later rows of an info metric
-  const char* metricLabel;  // the label that carries a text, for info metrics
+  const char* metricHelp;
+  const char* metricLabel;  // the label that carries the text, for info metrics
 };
 
 // In the order of the raw values line; the raw headings follow the same order.
@@ -70,15 +76,15 @@ inline constexpr status_key statusCatalogue[] = {
     {"numOutEventsSent", value_kind::u64, true, "# Sent output events", 17, "Output events sent:",
      "orvex_output_events_sent_total", metric_type::counter, "Output events sent.", nullptr},
     {"persistenceNumSnapshots", value_kind::text, true, nullptr, 19, "Number of persistent snapshots:",
-     "orvex_persistence_info", metric_type::info, "The engine's persistence, as its texts give it.", "snapshots"},
+     "orvex_persistence_snapshots", metric_type::number, "Persistent snapshots taken.", nullptr},
     {"persistenceLastSnapshotTime", value_kind::text, true, nullptr, 20, "Last persistent snapshot time:",
-     "orvex_persistence_info", metric_type::info, nullptr, "last_snapshot_time"},
+     "orvex_persistence_last_snapshot_timestamp_seconds", metric_type::timestamp, "When the last persistent snapshot was taken.", nullptr},
     {"persistenceSnapshotWaitTimeEwmaMillis", value_kind::text, true, nullptr, 21, "Persistent snapshot wait time Millis (EWMA):",
-     "orvex_persistence_info", metric_type::info, nullptr, "snapshot_wait_ms_ewma"},
+     "orvex_persistence_snapshot_wait_seconds", metric_type::number, "Wait for a persistent snapshot, a moving average.", nullptr},
     {"persistenceCommitTimeEwmaMillis", value_kind::text, true, nullptr, 22, "Persistent commit time Millis (EWMA):",
-     "orvex_persistence_info", metric_type::info, nullptr, "commit_ms_ewma"},
+     "orvex_persistence_commit_seconds", metric_type::number, "Commit time of a persistent snapshot, a moving average.", nullptr},
     {"persistenceLastSnapshotRowsChangedEwma", value_kind::text, true, nullptr, 23, "Last persistent snapshot rows changed (EWMA):",
-     "orvex_persistence_info", metric_type::info, nullptr, "rows_changed_ewma"},
+     "orvex_persistence_rows_changed", metric_type::number, "Rows a persistent snapshot changed, a moving average.", nullptr},
     {"numProcessed", value_kind::u64, true, "# Processed events", 11, "Events processed:",
      "orvex_events_processed_total", metric_type::counter, "Events processed.", nullptr},
     {"mostBackedUpInputContext", value_kind::text, true, "Slowest context name", 24, "Slowest context name:",
