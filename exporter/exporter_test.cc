@@ -142,6 +142,7 @@ TEST(ExporterCommandLineTest, RefusesABadOne) {
                                          exporter::exporterUsage);
 }
 
+#ifndef VIGILO_SANITIZED
 // A figure of /proc/PID/status, in kB.
 long statusField(pid_t pid, const std::string& field) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
@@ -151,7 +152,6 @@ long statusField(pid_t pid, const std::string& field) {
   return -1;
 }
 
-#ifndef VIGILO_SANITIZED
 // Eight engines answer 8 MiB at once, then little: the exporter's peak stays within four times
 // the answers in flight, and afterwards its kept connections hold 100 KiB each at most.
 TEST(ExporterMemoryTest, LargeAnswersAreNotKept) {
