@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Builds the Debian package and checks it as an operator would meet it: its contents, lintian,
-# the manual pages, the systemd unit, and the installed vigilo running from the unpacked tree
-# without LD_LIBRARY_PATH, with the end-to-end suite on both allocation routes.
+# Builds the Debian package and checks it as an operator would meet it: its contents, lintian, the
+# manual pages, the hardened units and the clean-up rule, the installed vigilo running from the
+# unpacked tree without LD_LIBRARY_PATH (the end-to-end suite on both allocation routes), the
+# maintainer scripts through install, upgrade, remove and purge, and `cmake --install` into a
+# prefix of its own.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,15 +22,17 @@ for path in usr/bin/vigilo usr/bin/ovengine usr/bin/vigilo-plot usr/bin/vigilo-e
   "$libdir/libovcommon.so" "$libdir/libovclient.so" usr/share/man/man1/vigilo.1.gz \
   usr/share/man/man1/ovengine.1.gz usr/share/man/man1/vigilo-plot.1.gz \
   usr/share/man/man1/vigilo-exporter.1.gz usr/share/bash-completion/completions/vigilo \
-  usr/share/zsh/vendor-completions/_vigilo lib/systemd/system/vigilo@.service \
-  lib/systemd/system/vigilo-exporter.service usr/lib/tmpfiles.d/vigilo.conf \
+  usr/share/zsh/vendor-completions/_vigilo usr/lib/systemd/system/vigilo@.service \
+  usr/lib/systemd/system/vigilo-exporter.service usr/lib/tmpfiles.d/vigilo.conf \
+  usr/lib/sysusers.d/vigilo.conf etc/default/vigilo-exporter \
   usr/share/doc/vigilo/copyright usr/share/doc/vigilo/fields.md usr/share/doc/vigilo/fleet.md; do
   grep -qx "./$path" <<<"$listing" || fail "no $path in $deb"
 done
 
-lintian_report=$(lintian "$deb" 2>&1 | grep -v '^running with root privileges' || true)
-grep -q '^E:' <<<"$lintian_report" && fail "lintian: $lintian_report"
+# Informational tags only: no error, warning or hardening tag.
+lintian_report=$(lintian --pedantic -I "$deb" 2>&1 | grep -v '^running with root privileges' || true)
 echo "$lintian_report" >&2
+grep -qE '^[EW]:|hardening' <<<"$lintian_report" && fail "lintian: $lintian_report"
 
 dpkg-deb -x "$deb" "$root"
 for page in "$root"/usr/share/man/man1/*.1.gz; do
@@ -40,22 +44,63 @@ for program in vigilo vigilo-exporter; do
     fail "the installed $program does not find its libraries: $(ldd "$root/usr/bin/$program")"
 done
 
-if command -v systemd-analyze >/dev/null; then
-  unit_dir=$(mktemp -d -p "$root")
-  sed "s|/usr/bin/|$root/usr/bin/|" "$root/lib/systemd/system/vigilo@.service" \
-    >"$unit_dir/vigilo@example.service"
-  sed "s|/usr/bin/|$root/usr/bin/|" "$root/lib/systemd/system/vigilo-exporter.service" \
-    >"$unit_dir/vigilo-exporter.service"
-  for unit in "$unit_dir/vigilo@example.service" "$unit_dir/vigilo-exporter.service"; do
-    verdict=$(systemd-analyze verify --man=no "$unit" 2>&1) ||
-      fail "systemd-analyze verify $unit: $verdict"
-  done
-else
-  echo "package: no systemd-analyze on this machine, the unit is not verified" >&2
-fi
+# The units verify and are hardened to an exposure of 2.0 or better.
+unit_dir=$(mktemp -d -p "$root")
+for unit in vigilo@ vigilo-exporter; do
+  file=$unit_dir/${unit/%@/@example}.service
+  sed "s|/usr/bin/|$root/usr/bin/|" "$root/usr/lib/systemd/system/$unit.service" >"$file"
+  verdict=$(systemd-analyze verify --man=no "$file" 2>&1) ||
+    fail "systemd-analyze verify $file: $verdict"
+  exposure=$(systemd-analyze security --offline=true "$file" | sed -n 's/.*exposure level .*: \([0-9.]*\) .*/\1/p')
+  echo "package: $unit.service exposure $exposure" >&2
+  awk -v e="$exposure" 'BEGIN { exit !(e != "" && e <= 2.0) }' || fail "$unit.service exposure $exposure"
+done
+
+# A file written 40 days ago and read today is removed; one written today stays.
+grep '^adm:' /etc/group >"$root/etc/group"
+systemd-sysusers --root="$root" >/dev/null
+mkdir -p "$root/var/log/vigilo"
+touch -m -d '40 days ago' "$root/var/log/vigilo/old.csv"
+touch "$root/var/log/vigilo/new.csv"
+cat "$root/var/log/vigilo/old.csv"
+systemd-tmpfiles --clean --root="$root" vigilo.conf
+[ "$(ls "$root/var/log/vigilo")" = new.csv ] || fail "clean-up left: $(ls "$root/var/log/vigilo")"
 
 for tracking in 0 1; do
   VIGILO_UNDER_TEST="$root/usr/bin/vigilo" ORVEX_MEMORY_TRACKING=$tracking \
     build/bin/vigilo_e2e_tests --gtest_brief=1 >&2 || fail "end-to-end tests, tracking $tracking"
 done
+
+# Install, an upgrade over an edited conffile, remove and purge, on this machine; systemd need not
+# be running. Nothing is enabled until the operator enables it, and purge forgets what was.
+if [ "$(id -u)" -eq 0 ] && ! dpkg-query -W vigilo >/dev/null 2>&1; then
+  trap 'dpkg -P vigilo >/dev/null 2>&1; rm -rf "$root"' EXIT
+  wants=/etc/systemd/system/multi-user.target.wants
+  dpkg -i "$deb" >&2 || fail "dpkg -i"
+  [ ! -e $wants/vigilo-exporter.service ] || fail "installing enabled the exporter"
+  [ "$(stat -c %a:%U:%G /var/log/vigilo)" = 2750:vigilo:adm ] ||
+    fail "/var/log/vigilo is $(stat -c %a:%U:%G /var/log/vigilo)"
+  echo 'ARGS="--allow-target=10.0.0.0/8"' >>/etc/default/vigilo-exporter
+  systemctl enable vigilo-exporter.service vigilo@orders.service 2>/dev/null
+  newer=$(mktemp -d -p "$root")
+  dpkg-deb -R "$deb" "$newer/tree"
+  sed -i 's/^Version: .*/&+1/' "$newer/tree/DEBIAN/control"
+  dpkg-deb -b "$newer/tree" "$newer/newer.deb" >/dev/null
+  dpkg -i "$newer/newer.deb" >&2 || fail "dpkg -i of an upgrade"
+  grep -q '^ARGS="--allow-target=10.0.0.0/8"$' /etc/default/vigilo-exporter ||
+    fail "the upgrade lost the operator's edit"
+  dpkg -r vigilo >&2 || fail "dpkg -r"
+  [ ! -e /usr/lib/systemd/system/vigilo@.service ] || fail "dpkg -r left the unit"
+  dpkg -P vigilo >&2 || fail "dpkg -P"
+  left=$(find /etc/systemd/system /etc/default /var/log /var/lib/systemd -name '*vigilo*' 2>/dev/null)
+  [ -z "$left" ] || fail "purge left $left"
+else
+  echo "package: not root, or vigilo installed: install, upgrade, remove and purge not tried" >&2
+fi
+
+# Installed into a prefix of its own, nothing lands outside it.
+prefix=$(mktemp -d -p "$root")
+cmake --install build --prefix "$prefix" >/dev/null
+outside=$(grep -v "^$prefix/" build/install_manifest.txt || true)
+[ -z "$outside" ] || fail "cmake --install --prefix $prefix wrote $outside"
 exit $failed
