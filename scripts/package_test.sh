@@ -21,8 +21,10 @@ listing=$(dpkg-deb -c "$deb" | awk '{print $6}')
 for path in usr/bin/vigilo usr/bin/ovengine usr/bin/vigilo-plot usr/bin/vigilo-exporter \
   "$libdir/libovcommon.so" "$libdir/libovclient.so" usr/share/man/man1/vigilo.1.gz \
   usr/share/man/man1/ovengine.1.gz usr/share/man/man1/vigilo-plot.1.gz \
-  usr/share/man/man1/vigilo-exporter.1.gz usr/share/bash-completion/completions/vigilo \
-  usr/share/zsh/vendor-completions/_vigilo usr/lib/systemd/system/vigilo@.service \
+  usr/share/man/man1/vigilo-exporter.1.gz \
+  usr/share/bash-completion/completions/{vigilo,ovengine,vigilo-exporter,vigilo-plot} \
+  usr/share/zsh/vendor-completions/_{vigilo,ovengine,vigilo-exporter,vigilo-plot} \
+  usr/lib/systemd/system/vigilo@.service \
   usr/lib/systemd/system/vigilo-exporter.service usr/lib/tmpfiles.d/vigilo.conf \
   usr/lib/sysusers.d/vigilo.conf etc/default/vigilo-exporter \
   usr/share/doc/vigilo/copyright usr/share/doc/vigilo/fields.md usr/share/doc/vigilo/fleet.md; do
