@@ -10,6 +10,7 @@ packages=(
   nlohmann-json3-dev libcpp-httplib-dev libsimdjson-dev libc-ares-dev
   pkg-config git python3 valgrind curl procps
   dpkg-dev fakeroot lintian man-db groff-base bash-completion gnuplot-nox systemd prometheus
+  prometheus-alertmanager victoria-metrics
 )
 
 missing=()
