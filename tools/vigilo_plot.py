@@ -1,17 +1,31 @@
 #!/usr/bin/python3
 """vigilo-plot: turns raw logs of `vigilo -r` into a picture of an engine's event rate and queues.
 
-Rates come from successive lines: the processed events between them over the uptime between them.
-When the uptime goes backwards the engine has restarted, and a new segment starts. Heading lines
-may stand anywhere (they tell how many user columns follow); a line with another number of fields
-is skipped and counted. Fields are taken by position, never by the heading, which names only 21
-of the 26 standard fields.
+Logs are read as streams, a line at a time and no line longer than MAX_LINE, and what they hold
+is gathered into at most twice as many buckets of time as the picture is wide: each bucket sums
+the processed events and the uptime between its points (its rate is their average) and keeps the
+largest size of each queue. However long the logs and their lines, the memory stays the same.
+
+Time runs on across every file and restart. When the file names carry the time recording started
+(NAME-YYYYmmdd-HHMMSS.csv, as vigilo@.service names them) the picture shows clock time, otherwise
+the seconds recorded. When the uptime goes backwards the engine has restarted: the lines break
+there, under a marked vertical line. Heading lines may stand anywhere (they tell how many user
+columns follow); a line with another number of fields is skipped and counted. Fields are taken by
+position, never by the heading, which names only 21 of the 26 standard fields.
+
+Nothing vigilo-plot is given reaches gnuplot as a command: the picture's texts and its file name
+are handed over as gnuplot's script arguments, which it reads only as strings, and the script
+itself holds only numbers besides vigilo-plot's own words.
 """
 
 import argparse
 import os
+import re
+import shutil
 import subprocess
 import sys
+import tempfile
+import time
 
 # The raw line's fields that the picture reads, by the engine's key: their positions (from 0), the
 # number of standard fields and the number of headings are the status catalogue's, which a test of
@@ -35,81 +49,143 @@ QUEUES = [  # (field index, name)
     (FIELD["mostBackedUpICQueueSize"], "slowest context queue"),
     (FIELD["slowestReceiverQueueSize"], "slowest receiver queue"),
 ]
+HEADING = b"Uptime (ms),"
+# Longer than the longest raw line an engine gives, even with a hundred user values of 4 KiB.
+MAX_LINE = 1 << 20
+UNIT_FILE = re.compile(r"^(.+)-(\d{8}-\d{6})\.csv$")
+CONTROL = re.compile(r"[\x00-\x1f\x7f]")
 
 
-class Series:
-    """The points read from the logs, split into segments at every restart of the engine."""
+class Picture:
+    """The points of the logs in buckets of time: at most `limit` buckets, restarts and files."""
 
-    def __init__(self):
-        self.segments = []  # each a list of (time in s, uptime ms, processed, queue sizes)
-        self.lines = 0
-        self.skipped = 0
-        self.offset = 0.0  # the seconds of the segments before the current one
+    def __init__(self, width):
+        self.limit = 2 * width
+        self.span = 0.0  # the seconds that one bucket may cover; 0 until buckets first merge
+        self.buckets = []  # [first x, last x, events, ms, queue maxima, starts a segment]
+        self.restarts = []  # x of each restart, as many as there are buckets at most
+        self.last = None  # (x, uptime, processed) of the last point
+        self.lines = self.skipped = self.long = self.segments = 0
 
-    def read(self, stream):
-        expected = None
-        for line in stream:
-            line = line.rstrip("\r\n")
-            if not line:
-                continue
-            fields = line.split(",")
-            if line.startswith("Uptime (ms),"):
-                expected = STANDARD_FIELDS + len(fields) - HEADINGS
-                continue
-            self.lines += 1
-            if expected is None and len(fields) >= STANDARD_FIELDS:
-                expected = len(fields)
-            try:
-                if len(fields) != expected:
-                    raise ValueError
-                uptime, processed = int(fields[UPTIME]), int(fields[PROCESSED])
-                queues = [int(fields[index]) for index, _ in QUEUES]
-            except ValueError:
-                self.skipped += 1
-                continue
-            self.add(uptime, processed, queues)
+    def add(self, x, uptime, processed, queues):
+        restart = self.last is not None and uptime < self.last[1]
+        if restart and len(self.restarts) < self.limit:
+            self.restarts.append(x)
+        starts = self.last is None or restart
+        self.segments += starts
+        events = ms = 0
+        if not starts and uptime > self.last[1]:
+            events, ms = processed - self.last[2], uptime - self.last[1]
+        self.last = (x, uptime, processed)
+        bucket = self.buckets[-1] if self.buckets else None
+        if starts or bucket is None or x >= bucket[0] + self.span:
+            self.buckets.append([x, x, events, ms, list(queues), starts])
+            if len(self.buckets) > self.limit:
+                self.merge()
+        else:
+            bucket[1] = x
+            bucket[2] += events
+            bucket[3] += ms
+            bucket[4] = [max(a, b) for a, b in zip(bucket[4], queues)]
 
-    def add(self, uptime, processed, queues):
-        if not self.segments or uptime < self.segments[-1][-1][1]:
-            if self.segments:
-                self.offset = self.segments[-1][-1][0]
-            self.segments.append([])
-        self.segments[-1].append((self.offset + uptime / 1000.0, uptime, processed, queues))
+    def merge(self):
+        """Halves the buckets: each pair becomes one, which may span a restart."""
+        merged = []
+        for first, second in zip(self.buckets[0::2], self.buckets[1::2]):
+            merged.append([first[0], second[1], first[2] + second[2], first[3] + second[3],
+                           [max(a, b) for a, b in zip(first[4], second[4])], first[5]])
+        if len(self.buckets) % 2:
+            merged.append(self.buckets[-1])
+        self.span = max(2 * self.span, max(b[1] - b[0] for b in merged))
+        self.buckets = merged
 
     def rates(self):
-        """(time, events per second) between successive points of every segment."""
-        for segment in self.segments:
-            yield [
-                (b[0], (b[2] - a[2]) * 1000.0 / (b[1] - a[1]))
-                for a, b in zip(segment, segment[1:])
-                if b[1] > a[1]
-            ]
+        """(x, events per second) of every bucket that spans some uptime."""
+        return [(b[1], b[2] * 1000.0 / b[3]) for b in self.buckets if b[3] > 0]
 
 
-def data_block(name, segments):
-    """A gnuplot data block; an empty line between segments breaks the plotted line."""
+def lines(stream):
+    """The lines of a binary stream, each at most MAX_LINE bytes; a longer one is None."""
+    while True:
+        line = stream.readline(MAX_LINE + 1)
+        if not line:
+            return
+        if len(line) > MAX_LINE and not line.endswith(b"\n"):
+            while line and not line.endswith(b"\n"):  # the rest of it, passed over a piece at once
+                line = stream.readline(MAX_LINE)
+            yield None
+        else:
+            yield line.rstrip(b"\r\n")
+
+
+def read(picture, stream, clock):
+    """Adds the lines of one log; `clock` is when it was started, or None."""
+    expected = None
+    base = first = None  # x and uptime where the file's time starts, or restarted
+    for line in lines(stream):
+        if line is None:
+            picture.long += 1
+            continue
+        if not line:
+            continue
+        fields = line.split(b",")
+        if line.startswith(HEADING):
+            expected = STANDARD_FIELDS + len(fields) - HEADINGS
+            continue
+        picture.lines += 1
+        if expected is None and len(fields) >= STANDARD_FIELDS:
+            expected = len(fields)
+        try:
+            if len(fields) != expected:
+                raise ValueError
+            uptime, processed = int(fields[UPTIME]), int(fields[PROCESSED])
+            queues = [int(fields[index]) for index, _ in QUEUES]
+        except ValueError:
+            picture.skipped += 1
+            continue
+        last = picture.last
+        if base is None or uptime < last[1]:
+            # A file starts at its own clock time, or where the last one ended; after a restart
+            # inside a file, the time runs on from the last point.
+            fresh = base is None and clock is not None
+            base, first = (clock if fresh else last[0] if last else 0.0), uptime
+        picture.add(base + (uptime - first) / 1000.0, uptime, processed, queues)
+
+
+def data_block(name, rows):
+    """A gnuplot data block of numbers; an empty row breaks the plotted line."""
+    return "$%s << EOD\n%s\nEOD\n" % (name, "\n".join(" ".join(row) for row in rows))
+
+
+def gnuplot_script(picture, width, height, svg, clock):
+    """The script; its title is ARG1 and its output ARG2, which gnuplot reads only as strings."""
     rows = []
-    for segment in segments:
-        rows += [" ".join(str(value) for value in point) for point in segment]
-        rows.append("")
-    return "$%s << EOD\n%s\nEOD\n" % (name, "\n".join(rows))
-
-
-def gnuplot_script(series, output, width, height, title):
-    terminal = "svg" if output.endswith(".svg") else "pngcairo"
-    queue_points = [[(p[0], *p[3]) for p in segment] for segment in series.segments]
-    queue_plots = ", ".join(
-        "$queues using 1:%d with lines title '%s'" % (column + 2, name)
-        for column, (_, name) in enumerate(QUEUES)
-    )
+    for index, b in enumerate(picture.buckets):
+        if b[5] and index > 0:
+            rows.append([])
+        rate = "%.3f" % (b[2] * 1000.0 / b[3]) if b[3] > 0 else "NaN"
+        rows.append(["%.3f" % b[1], rate] + [str(q) for q in b[4]])
+    queue_plots = ", ".join("$points using 1:%d with lines title '%s'" % (column + 3, name)
+                            for column, (_, name) in enumerate(QUEUES))
+    marks = "".join(
+        "set arrow from %.3f, graph 0 to %.3f, graph 1 nohead dashtype 2 linecolor 'gray40'\n"
+        "set label 'restart' at %.3f, graph 0.97 right rotate by 90 offset -0.5, 0 "
+        "textcolor 'gray40'\n" % (x, x, x) for x in picture.restarts)
+    if clock:
+        span = picture.buckets[-1][1] - picture.buckets[0][0]
+        axis = ("set xdata time\nset timefmt '%%s'\nset format x '%s'\nset xlabel 'clock time'\n"
+                % ("%H:%M" if span < 86400 else "%m-%d %H:%M"))
+    else:
+        axis = "set xlabel 'recorded time (s)'\n"
     return (
-        data_block("rates", series.rates())
-        + data_block("queues", queue_points)
-        + "set terminal %s size %d,%d\n" % (terminal, width, height)
-        + "set output '%s'\n" % output.replace("'", "''")
-        + "set multiplot layout 2,1 title '%s'\n" % title.replace("'", "''")
-        + "set xlabel 'engine uptime (s)'\nset grid\nset key outside right\n"
-        + "set ylabel 'events/s'\nplot $rates using 1:2 with lines title 'processed'\n"
+        data_block("points", rows)
+        + "set terminal %s size %d,%d noenhanced\n" % ("svg" if svg else "pngcairo", width, height)
+        + "set output ARG2\nset datafile missing 'NaN'\n"
+        + "set multiplot layout 2,1 title ARG1 noenhanced\n"
+        # Fixed margins, so that the two panels' x axes line up whatever their keys' widths.
+        + "set lmargin at screen 0.09\nset rmargin at screen 0.78\n"
+        + axis + marks + "set grid\nset key outside right top\n"
+        + "set ylabel 'events/s'\nplot $points using 1:2 with lines title 'processed'\n"
         + "set ylabel 'events queued'\nplot %s\n" % queue_plots
         + "unset multiplot\n"
     )
@@ -117,9 +193,30 @@ def gnuplot_script(series, output, width, height, title):
 
 def size(text):
     width, _, height = text.partition("x")
-    if not width.isdigit() or not height.isdigit() or int(width) < 100 or int(height) < 100:
-        raise argparse.ArgumentTypeError("a size is WIDTHxHEIGHT in pixels, each 100 or more")
+    if not width.isdigit() or not height.isdigit() or not 100 <= int(width) <= 10000 \
+            or not 100 <= int(height) <= 10000:
+        raise argparse.ArgumentTypeError("a size is WIDTHxHEIGHT in pixels, each 100 to 10000")
     return int(width), int(height)
+
+
+def start_of(log):
+    """When the log's recording started, from a file name as vigilo@.service writes it."""
+    found = UNIT_FILE.match(os.path.basename(log))
+    try:
+        return found and time.mktime(time.strptime(found.group(2), "%Y%m%d-%H%M%S"))
+    except ValueError:
+        return None
+
+
+def default_title(logs):
+    """The engines recorded, as their files name them."""
+    names = []
+    for log in logs:
+        found = UNIT_FILE.match(os.path.basename(log))
+        name = found.group(1) if found else os.path.splitext(os.path.basename(log))[0]
+        if name not in names:
+            names.append(name)
+    return ", ".join(names[:3]) + (" and %d more" % (len(names) - 3) if len(names) > 3 else "")
 
 
 def main(argv):
@@ -130,32 +227,47 @@ def main(argv):
                         help="the picture: .png or .svg (default vigilo.png)")
     parser.add_argument("-s", "--size", type=size, default=(1200, 800),
                         help="WIDTHxHEIGHT in pixels (default 1200x800)")
-    parser.add_argument("-t", "--title", default="", help="a title above both plots")
+    parser.add_argument("-t", "--title",
+                        help="a title above both plots (default: the engines' file names)")
     parser.add_argument("--rates", action="store_true",
                         help="also print every rate as 'seconds events/s' on standard output")
     args = parser.parse_args(argv)
-    if not args.output.endswith((".png", ".svg")):
-        parser.error("the output must be named .png or .svg")
+    for text, what in [(args.title or "", "the title")] + [(n, "a log's name") for n in args.logs]:
+        if CONTROL.search(text):
+            parser.error("%s holds a control character: %r" % (what, text))
+    if CONTROL.search(args.output) or args.output.startswith("|") or \
+            not args.output.endswith((".png", ".svg")):
+        parser.error("the output must be a file named .png or .svg: %r" % args.output)
 
-    series = Series()
-    for log in args.logs:
+    picture = Picture(args.size[0])
+    starts = [start_of(log) for log in args.logs]
+    clock = all(starts)
+    for log, start in zip(args.logs, starts):
         try:
-            with open(log, encoding="utf-8", errors="replace") as stream:
-                series.read(stream)
+            with open(log, "rb") as stream:
+                read(picture, stream, start if clock else None)
         except OSError as error:
             parser.error("cannot read %s: %s" % (log, error.strerror))
-    print("vigilo-plot: %d lines, %d skipped for a wrong number of fields, %d segments"
-          % (series.lines, series.skipped, len(series.segments)), file=sys.stderr)
+    print("vigilo-plot: %d lines, %d skipped for a wrong number of fields, %d skipped for being "
+          "longer than %d bytes, %d segments"
+          % (picture.lines, picture.skipped, picture.long, MAX_LINE, picture.segments),
+          file=sys.stderr)
     if args.rates:
-        for segment in series.rates():
-            for time, rate in segment:
-                print("%.3f %.2f" % (time, rate))
-    if not any(len(segment) > 1 for segment in series.segments):
+        for x, rate in picture.rates():
+            print("%.3f %.2f" % (x, rate))
+    if not picture.rates():
         print("vigilo-plot: fewer than two lines to draw from", file=sys.stderr)
         return 1
-    script = gnuplot_script(series, args.output, *args.size, args.title)
-    result = subprocess.run(["gnuplot"], input=script, text=True, stderr=subprocess.PIPE,
-                            check=False)
+    gnuplot = shutil.which("gnuplot")
+    if gnuplot is None:
+        print("vigilo-plot: gnuplot not found; install gnuplot-nox", file=sys.stderr)
+        return 1
+    title = args.title if args.title is not None else default_title(args.logs)
+    with tempfile.NamedTemporaryFile("w", suffix=".gp") as script:
+        script.write(gnuplot_script(picture, *args.size, args.output.endswith(".svg"), clock))
+        script.flush()
+        result = subprocess.run([gnuplot, "-c", script.name, title, args.output], text=True,
+                                stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
     if result.returncode != 0 or not os.path.exists(args.output):
         print("vigilo-plot: gnuplot failed: " + result.stderr.strip(), file=sys.stderr)
         return 1
