@@ -26,7 +26,7 @@ for path in usr/bin/vigilo usr/bin/ovengine usr/bin/vigilo-plot usr/bin/vigilo-e
   usr/share/zsh/vendor-completions/_{vigilo,ovengine,vigilo-exporter,vigilo-plot} \
   usr/lib/systemd/system/vigilo@.service \
   usr/lib/systemd/system/vigilo-exporter.service usr/lib/tmpfiles.d/vigilo.conf \
-  usr/lib/sysusers.d/vigilo.conf etc/default/vigilo-exporter \
+  usr/lib/sysusers.d/vigilo.conf etc/default/vigilo-exporter usr/share/vigilo/prometheus/vigilo-rules.yml \
   usr/share/doc/vigilo/copyright usr/share/doc/vigilo/fields.md usr/share/doc/vigilo/fleet.md; do
   grep -qx "./$path" <<<"$listing" || fail "no $path in $deb"
 done
