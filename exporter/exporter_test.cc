@@ -1,5 +1,6 @@
-// The real vigilo-exporter process against real ovengine processes on loopback, checked by
-// Prometheus's own tools: promtool for the exposition, the Prometheus server for a whole scrape.
+// The real vigilo-exporter process against real ovengine processes and scripted engines on
+// loopback, its expositions checked by promtool. (packaging/prometheus/fleet_test.py runs it
+// under a real Prometheus.)
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <signal.h>
@@ -9,7 +10,6 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 
@@ -184,97 +184,5 @@ TEST(ExporterMemoryTest, LargeAnswersAreNotKept) {
   EXPECT_LE(statusField(exporter.pid(), "VmRSS") - start, n * 100 + 4 * 1024);
 }
 #endif
-
-// One answer of Prometheus's query API: the value of the series whose instance is `instance`,
-// or -1 when there is none yet.
-double queryValue(unsigned short prometheusPort, const std::string& query,
-                  const std::string& instance) {
-  httplib::Client prometheus("127.0.0.1", prometheusPort);
-  prometheus.set_read_timeout(5);
-  const auto res =
-      prometheus.Get("/api/v1/query", httplib::Params{{"query", query}}, httplib::Headers{});
-  if (!res || res->status != 200) return -1;
-  const auto answer = nlohmann::json::parse(res->body);
-  for (const auto& series : answer.at("data").at("result")) {
-    if (series.at("metric").value("instance", "") == instance) {
-      const std::string value = series.at("value").at(1);
-      return std::stod(value);
-    }
-  }
-  return -1;
-}
-
-// Waits, a bounded time, until `done` holds; polls Prometheus, which has no way to say "now".
-template <typename Condition>
-bool eventually(Condition done, std::chrono::seconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(200ms);
-  }
-  return true;
-}
-
-// A Prometheus server scrapes two engines under different loads through one exporter, as
-// docs/fleet.md sets it up, plus a target that the exporter must refuse.
-TEST(ExporterPrometheusTest, ScrapesAFleetThroughTheExporter) {
-  engine_process slow(OVENGINE_BINARY, {"--load", "200"});
-  engine_process fast(OVENGINE_BINARY, {"--load", "2000"});
-  running_exporter exporter;
-  const std::string slowTarget = "127.0.0.1:" + std::to_string(slow.port());
-  const std::string fastTarget = "127.0.0.1:" + std::to_string(fast.port());
-  const std::string refused = "192.0.2.1:15903";
-
-  char directory[] = "/tmp/exporter_prometheus_XXXXXX";
-  ASSERT_NE(mkdtemp(directory), nullptr);
-  const std::string config = std::string(directory) + "/prometheus.yml";
-  std::ofstream(config) << R"(global: {scrape_interval: 1s, scrape_timeout: 1s}
-scrape_configs:
-  - job_name: orvex
-    metrics_path: /probe
-    static_configs: [{targets: [')"
-                        << slowTarget << "', '" << fastTarget << "', '" << refused << R"(']}]
-    relabel_configs:
-      - {source_labels: [__address__], target_label: __param_target}
-      - {source_labels: [__param_target], target_label: instance}
-      - {target_label: __address__, replacement: '127.0.0.1:)"
-                        << exporter.port() << "'}\n";
-  const unsigned short prometheusPort = vigilo::test_support::closedLoopbackPort();
-  vigilo::test_support::child_process prometheus(
-      {PROMETHEUS_BINARY, "--config.file=" + config,
-       "--storage.tsdb.path=" + std::string(directory) + "/data",
-       "--web.listen-address=127.0.0.1:" + std::to_string(prometheusPort)});
-
-  // Six scrapes of each engine before the rates are read.
-  for (const std::string& target : {slowTarget, fastTarget}) {
-    ASSERT_TRUE(eventually(
-        [&] { return queryValue(prometheusPort, "count_over_time(orvex_up[1m])", target) >= 6; },
-        60s))
-        << target << "\n"
-        << prometheus.finish(5s).err;
-  }
-  const std::pair<std::string, double> loads[] = {{slowTarget, 200}, {fastTarget, 2000}};
-  for (const auto& [target, load] : loads) {
-    const double rate =
-        queryValue(prometheusPort, "rate(orvex_events_processed_total[5s])", target);
-    EXPECT_NEAR(rate, load, load * 0.15) << target;
-  }
-
-  slow.signal(SIGTERM);
-  EXPECT_TRUE(
-      eventually([&] { return queryValue(prometheusPort, "orvex_up", slowTarget) == 0; }, 20s));
-  EXPECT_EQ(queryValue(prometheusPort, "orvex_up", fastTarget), 1);
-
-  // Prometheus's own words for a refused scrape.
-  const auto targets = httplib::Client("127.0.0.1", prometheusPort).Get("/api/v1/targets");
-  EXPECT_NE(targets->body.find("\"" + refused + "\",\"job\":\"orvex\"},\"scrapePool\""),
-            std::string::npos);
-  EXPECT_NE(targets->body.find("\"lastError\":\"server returned HTTP status 403 Forbidden\""),
-            std::string::npos);
-
-  prometheus.signal(SIGTERM);
-  prometheus.finish(20s);
-  runProcess({"/bin/rm", "-rf", directory});
-}
 
 }  // namespace
