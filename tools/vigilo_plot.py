@@ -173,8 +173,9 @@ def gnuplot_script(picture, width, height, svg, clock):
         "textcolor 'gray40'\n" % (x, x, x) for x in picture.restarts)
     if clock:
         span = picture.buckets[-1][1] - picture.buckets[0][0]
+        shown = "%H:%M:%S" if span < 7200 else "%H:%M" if span < 86400 else "%m-%d %H:%M"
         axis = ("set xdata time\nset timefmt '%%s'\nset format x '%s'\nset xlabel 'clock time'\n"
-                % ("%H:%M" if span < 86400 else "%m-%d %H:%M"))
+                % shown)
     else:
         axis = "set xlabel 'recorded time (s)'\n"
     return (

@@ -146,7 +146,7 @@ class VigiloPlotTest(unittest.TestCase):
         self.assertIn("set output ARG2\n", script)
         self.assertIn("set multiplot layout 2,1 title ARG1 noenhanced\n", script)
         self.assertIn("set lmargin at screen 0.09\nset rmargin at screen 0.78\n", script)
-        self.assertIn("set xdata time\nset timefmt '%s'\nset format x '%H:%M'\n", script)
+        self.assertIn("set xdata time\nset timefmt '%s'\nset format x '%H:%M:%S'\n", script)
         self.assertIn("set arrow from %.3f, graph 0 to %.3f, graph 1 nohead" % (start + 150,
                                                                                start + 150), script)
         self.assertIn("$points << EOD\n%.3f NaN" % start, script)
