@@ -1,9 +1,7 @@
 // Probes, their name lookups and descriptors, against scripted engines on loopback.
 #include "prober.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -111,14 +109,9 @@ TEST_F(ProberTest, AnEngineThatDoesNotAnswerIsDownInTime) {
 // probe's deadline with the engine down, the cause is logged once a minute, and no thread or
 // socket is left behind.
 TEST_F(ProberTest, ALookupThatIsNotAnsweredEndsAtTheDeadline) {
-  const int server = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(server, reinterpret_cast<sockaddr*>(&address), length);
-  getsockname(server, reinterpret_cast<sockaddr*>(&address), &length);
-  const name_lookup silent("127.0.0.1:" + std::to_string(ntohs(address.sin_port)));
+  unsigned short port = 0;
+  const int server = loopbackSocket(SOCK_DGRAM, port);
+  const name_lookup silent("127.0.0.1:" + std::to_string(port));
   prober many(pool, silent, loopback, 16);
   const std::size_t threads = entries("/proc/self/task");
   const std::size_t files = entries("/proc/self/fd");

@@ -101,6 +101,9 @@ class engine_process : public server_process {
 // A port of 127.0.0.1 that was free a moment ago, so that a connection to it is refused.
 unsigned short closedLoopbackPort();
 
+// A socket of `type` (SOCK_STREAM, SOCK_DGRAM) bound to a free port of 127.0.0.1, given in `port`.
+int loopbackSocket(int type, unsigned short& port);
+
 }  // namespace vigilo::test_support
 
 #endif  // VIGILO_TESTING_PROCESS_H_
