@@ -52,7 +52,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     rules.add(pieces[1]);
     const bool allowed = rules.named(*t) || rules.allowsAll({t->host});
     if (allowed && !numeric(t->host) && !rules.named(*t)) std::abort();
-
   }
 
   const std::chrono::milliseconds configured(10000);
