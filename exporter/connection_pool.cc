@@ -20,7 +20,7 @@ connection_pool::~connection_pool() {
   }
   stopping.notify_all();
   janitor.join();
-  for (const auto& [target, entry] : idle) close(entry.connection);
+  for (const idle_connection& entry : idle) close(entry.connection);
 }
 
 bool connection_pool::startProbe() {
@@ -40,10 +40,11 @@ bool connection_pool::startProbe() {
 
 EngineManagement* connection_pool::take(const std::string& target) {
   std::lock_guard<std::mutex> lock(mutex);
-  const auto found = idle.find(target);
-  if (found == idle.end()) return nullptr;
-  EngineManagement* connection = found->second.connection;
-  idle.erase(found);
+  const auto found = byTarget.find(target);
+  if (found == byTarget.end()) return nullptr;
+  EngineManagement* connection = found->second->connection;
+  idle.erase(found->second);
+  byTarget.erase(found);
   return connection;
 }
 
@@ -52,19 +53,18 @@ void connection_pool::endProbe(const std::string& target, EngineManagement* conn
   {
     std::lock_guard<std::mutex> lock(mutex);
     --probes;
-    if (connection != nullptr && maxIdle > 0 && !idle.contains(target)) {
+    if (connection != nullptr && maxIdle > 0 && !byTarget.contains(target)) {
       unwanted = idle.size() == maxIdle ? removeOldest() : nullptr;
-      idle.emplace(target, idle_connection{connection, clock_type::now()});
+      byTarget[target] = idle.insert(idle.end(), {target, connection, clock_type::now()});
     }
   }
   close(unwanted);
 }
 
 EngineManagement* connection_pool::removeOldest() {
-  const auto oldest = std::min_element(
-      idle.begin(), idle.end(), [](auto& a, auto& b) { return a.second.since < b.second.since; });
-  EngineManagement* connection = oldest->second.connection;
-  idle.erase(oldest);
+  EngineManagement* connection = idle.front().connection;
+  byTarget.erase(idle.front().target);
+  idle.pop_front();
   return connection;
 }
 
@@ -88,11 +88,7 @@ void connection_pool::closeExpired() {
     stopping.wait_for(lock, std::min<std::chrono::milliseconds>(idleTime, std::chrono::seconds(1)));
     std::vector<EngineManagement*> expired;
     const auto now = clock_type::now();
-    std::erase_if(idle, [&](const auto& entry) {
-      const bool old = now - entry.second.since >= idleTime;
-      if (old) expired.push_back(entry.second.connection);
-      return old;
-    });
+    while (!idle.empty() && now - idle.front().since >= idleTime) expired.push_back(removeOldest());
     lock.unlock();
     for (EngineManagement* connection : expired) close(connection);
     lock.lock();

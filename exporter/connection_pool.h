@@ -16,10 +16,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <map>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "ovclient/engine_client.h"
@@ -55,9 +56,11 @@ class connection_pool {
 
  private:
   struct idle_connection {
+    std::string target;
     EngineManagement* connection;
     clock_type::time_point since;
   };
+  using idle_list = std::list<idle_connection>;
   // Removes the longest idle connection, for the caller to close.
   EngineManagement* removeOldest();
   void closeExpired();  // the janitor thread
@@ -69,7 +72,9 @@ class connection_pool {
   std::condition_variable stopping;
   bool stop = false;
   std::size_t probes = 0;  // in flight
-  std::map<std::string, idle_connection> idle;
+  // Longest idle first, so that the one to close goes in constant time however many there are.
+  idle_list idle;
+  std::unordered_map<std::string, idle_list::iterator> byTarget;
   std::thread janitor;
 };
 
