@@ -13,9 +13,9 @@ import tempfile
 import unittest
 
 PLOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "vigilo_plot.py")
-SPEC = importlib.util.spec_from_file_location("vigilo_plot", PLOT)
-vigilo_plot = importlib.util.module_from_spec(SPEC)
-SPEC.loader.exec_module(vigilo_plot)
+LOADING = importlib.util.spec_from_file_location("vigilo_plot", PLOT)
+vigilo_plot = importlib.util.module_from_spec(LOADING)
+LOADING.loader.exec_module(vigilo_plot)
 VIGILO, OVENGINE = os.environ["VIGILO_BINARY"], os.environ["OVENGINE_BINARY"]
 
 
