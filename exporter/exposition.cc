@@ -217,9 +217,10 @@ std::size_t appendEngineMetrics(std::string& text, const com::orvex::engine::Eng
         sample(text, row.metric, static_cast<double>(value) / scale);
       }
     }
-    if (&row == &uptimeRow) {
+    if (&row == &uptimeRow && status.getStatusString(row.key) != nullptr) {
       // Whole seconds: the engine's uptime and this exporter's clock are read a moment apart,
-      // and a start time that wandered by milliseconds would look like a restart.
+      // and a start time that wandered by milliseconds would look like a restart. An engine
+      // that gives no uptime gives no start time, rather than one that moves with every probe.
       const auto sinceEpoch =
           std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
       const double started = std::round((static_cast<double>(sinceEpoch) -

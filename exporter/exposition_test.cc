@@ -76,6 +76,7 @@ TEST(ExpositionTest, ReadsNumbersAndTimesFromTexts) {
       // The start time is the probe's time less the uptime, in whole seconds.
       {"uptime", "5000", "orvex_start", "orvex_start_time_seconds 1799999995\n", 0},
       {"uptime", "4400", "orvex_start", "orvex_start_time_seconds 1799999996\n", 0},
+      {"numContexts", "1", "orvex_start", "", 0},
   };
   for (const row& r : rows) {
     fake_status_script script;
