@@ -70,8 +70,7 @@ prober::answer prober::probe(const target& t, std::chrono::milliseconds limit, b
   if (!pool.startProbe()) return refuse(false);
   const auto start = clock_type::now();
   const auto deadline = start + limit;
-  const std::string where = (t.host.find(':') != std::string::npos ? "[" + t.host + "]" : t.host) +
-                            ":" + std::to_string(t.port);
+  const std::string where = targetText(t);
   probe_steps steps(start, debug);
   EngineManagement* connection = pool.take(where);
   std::string metrics, cause;

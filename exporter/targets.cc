@@ -69,6 +69,11 @@ std::optional<target> parseTarget(const std::string& text) {
   return target{host, *port};
 }
 
+std::string targetText(const target& t) {
+  const bool ipv6 = t.host.find(':') != std::string::npos;
+  return (ipv6 ? "[" + t.host + "]" : t.host) + ":" + std::to_string(t.port);
+}
+
 bool target_rules::add(const std::string& rule) {
   const auto slash = rule.find('/');
   range r;

@@ -23,6 +23,9 @@ struct target {
 // 1 to 65535; nothing else.
 std::optional<target> parseTarget(const std::string& text);
 
+// The target as parseTarget reads it: "HOST:PORT", an IPv6 address in brackets.
+std::string targetText(const target& t);
+
 class target_rules {
  public:
   // Adds one --allow-target value: "host", "host:port", or an address range "192.0.2.0/24",

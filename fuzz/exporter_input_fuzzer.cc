@@ -38,10 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   if (const auto t = exporter::parseTarget(pieces[0])) {
     if (t->port == 0 || t->host.empty() || t->host.size() > 253) std::abort();
-    const bool bracketed = t->host.find(':') != std::string::npos;
-    const std::string written =
-        (bracketed ? "[" + t->host + "]" : t->host) + ":" + std::to_string(t->port);
-    const auto again = exporter::parseTarget(written);
+    const auto again = exporter::parseTarget(exporter::targetText(*t));
     if (!again || again->host != t->host || again->port != t->port) std::abort();
     // Names would ask a name server; addresses are checked against the rules only. No control
     // byte gets through: a NUL would end the name early for the resolver.
