@@ -52,12 +52,17 @@ bool abandoned(const engine::EngineLimits& limits) {
   return limits.abandon != nullptr && limits.abandon->load(std::memory_order_relaxed);
 }
 
+// Whether the deadline has passed or the caller has abandoned the wait.
+bool givenUp(clock_type::time_point deadline, const engine::EngineLimits& limits) {
+  return clock_type::now() >= deadline || abandoned(limits);
+}
+
 // Waits until `fd` is ready for `events`; false once the deadline has passed, however many bytes
 // keep arriving before it, or once the caller abandons the wait.
 bool waitFor(int fd, short events, clock_type::time_point deadline,
              const engine::EngineLimits& limits) {
   for (;;) {
-    if (clock_type::now() >= deadline || abandoned(limits)) return false;
+    if (givenUp(deadline, limits)) return false;
     pollfd p{fd, events, 0};
     const int ready = poll(&p, 1, std::min(msLeft(deadline), abandonCheckMs));
     if (ready > 0) return true;
@@ -106,7 +111,7 @@ std::shared_ptr<resolution> resolve(const std::string& host, unsigned short port
   }).detach();
   std::unique_lock<std::mutex> lock(answer->mutex);
   while (!answer->finished) {
-    if (clock_type::now() >= deadline || abandoned(limits)) return nullptr;
+    if (givenUp(deadline, limits)) return nullptr;
     answer->done.wait_until(
         lock, std::min(deadline, clock_type::now() + std::chrono::milliseconds(abandonCheckMs)));
   }
@@ -148,10 +153,6 @@ void http_connection::shrink(std::size_t bytes) {
   if (response.body.capacity() > bytes) std::string().swap(response.body);
 }
 
-bool http_connection::givenUp(clock_type::time_point deadline) const {
-  return clock_type::now() >= deadline || abandoned(timeouts);
-}
-
 std::string http_connection::ended(int limitMs) const {
   return abandoned(timeouts) ? "abandoned" : timedOut(limitMs);
 }
@@ -173,7 +174,7 @@ void http_connection::open() {
     // Each address gets its share of the time that is left, so that one that never answers
     // leaves time for the next.
     const auto now = clock_type::now();
-    if (now >= deadline || abandoned(timeouts)) break;
+    if (givenUp(deadline, timeouts)) break;
     const auto until = now + (deadline - now) / left;
     const int candidate =
         socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
@@ -231,7 +232,7 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
     } else if (errno != EAGAIN && errno != EINTR) {
       result.error = std::strerror(errno);
       return result;
-    } else if (givenUp(deadline)) {
+    } else if (givenUp(deadline, timeouts)) {
       result.timedOut = true;
       result.error = ended(timeouts.responseMs);
       return result;
@@ -241,7 +242,7 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
   reader.reset();
   char buffer[65536];
   while (reader.current() == http_response_reader::state::reading) {
-    if (givenUp(deadline)) {
+    if (givenUp(deadline, timeouts)) {
       result.timedOut = true;
       result.receivedAnything = reader.receivedAnything();
       result.error = ended(timeouts.responseMs);

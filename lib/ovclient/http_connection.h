@@ -51,8 +51,7 @@ class http_connection {
   struct exchange_result;
   exchange_result exchange(const std::string& path, clock_type::time_point deadline);
   bool peerClosed() const;
-  // Whether the deadline has passed or the caller has abandoned the connection, and which.
-  bool givenUp(clock_type::time_point deadline) const;
+  // Why a wait ended early: the caller abandoned it, or its limit of `limitMs` passed.
   std::string ended(int limitMs) const;
   void closeSocket();
 

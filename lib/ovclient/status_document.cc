@@ -78,27 +78,19 @@ void pair_table::add(std::string_view key, std::string_view value) {
   offsets.emplace_back(keyAt, valueAt);
 }
 
-namespace {
-
-constexpr std::size_t initialCapacity = 4096;
-
-}  // namespace
-
-status_document_reader::status_document_reader() {
-  if (parser.allocate(initialCapacity, maxDocumentDepth) != simdjson::SUCCESS) {
-    throw std::bad_alloc();
-  }
-}
+status_document_reader::status_document_reader() { startSmall(); }
 
 void status_document_reader::shrink(std::size_t bytes) {
   if (padded.capacity() > bytes) std::vector<char>().swap(padded);
   // The parser's own document grows with the largest one read; a new parser starts small.
   if (parser.capacity() > bytes) {
     parser = simdjson::dom::parser();
-    if (parser.allocate(initialCapacity, maxDocumentDepth) != simdjson::SUCCESS) {
-      throw std::bad_alloc();
-    }
+    startSmall();
   }
+}
+
+void status_document_reader::startSmall() {
+  if (parser.allocate(4096, maxDocumentDepth) != simdjson::SUCCESS) throw std::bad_alloc();
 }
 
 bool status_document_reader::read(std::string_view document, pair_table& pairs,

@@ -51,6 +51,8 @@ class status_document_reader {
   void shrink(std::size_t bytes);
 
  private:
+  void startSmall();  // the parser's buffers for a small document
+
   simdjson::dom::parser parser;
   // The document with the padding that simdjson reads past its end. The padding is always
   // initialised: the spare capacity of the caller's buffer is not, and a memory checker sees
