@@ -99,9 +99,14 @@ class Picture:
         self.span = max(2 * self.span, max(b[1] - b[0] for b in merged))
         self.buckets = merged
 
+    @staticmethod
+    def rate(bucket):
+        """Its events per second, or None when it spans no uptime."""
+        return bucket[2] * 1000.0 / bucket[3] if bucket[3] > 0 else None
+
     def rates(self):
         """(x, events per second) of every bucket that spans some uptime."""
-        return [(b[1], b[2] * 1000.0 / b[3]) for b in self.buckets if b[3] > 0]
+        return [(b[1], self.rate(b)) for b in self.buckets if b[3] > 0]
 
 
 def lines(stream):
@@ -163,7 +168,7 @@ def gnuplot_script(picture, width, height, svg, clock):
     for index, b in enumerate(picture.buckets):
         if b[5] and index > 0:
             rows.append([])
-        rate = "%.3f" % (b[2] * 1000.0 / b[3]) if b[3] > 0 else "NaN"
+        rate = "NaN" if picture.rate(b) is None else "%.3f" % picture.rate(b)
         rows.append(["%.3f" % b[1], rate] + [str(q) for q in b[4]])
     queue_plots = ", ".join("$points using 1:%d with lines title '%s'" % (column + 3, name)
                             for column, (_, name) in enumerate(QUEUES))
