@@ -5,7 +5,6 @@
 //
 //   build/bin/exporter_bench [N ...]      (default: 10 100 1000)
 #include <arpa/inet.h>
-#include <httplib.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -24,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "http_connection.h"
 #include "status/status_catalogue.h"
 #include "testing/fake_engine.h"
 #include "testing/process.h"
@@ -152,7 +152,8 @@ struct round_figures {
 
 // Every engine of the fleet probed once, by all the scrapers at once. Scrapers keep their
 // connections to the exporter from round to round, as Prometheus does.
-using scrapers = std::vector<std::unique_ptr<httplib::Client>>;
+using scraper = com::orvex::client::http_connection;
+using scrapers = std::vector<std::unique_ptr<scraper>>;
 round_figures probeAll(const fleet& engines, scrapers& clients, pid_t exporter) {
   std::atomic<std::size_t> next{0};
   std::atomic<int> failed{0};
@@ -162,8 +163,11 @@ round_figures probeAll(const fleet& engines, scrapers& clients, pid_t exporter) 
   for (const auto& client : clients) {
     threads.emplace_back([&] {
       for (std::size_t i; (i = next++) < engines.ports.size();) {
-        const auto res = client->Get("/probe?target=127.0.0.1:" + std::to_string(engines.ports[i]));
-        if (!res || res->status != 200 || res->body.find("\norvex_up 1\n") == std::string::npos) {
+        try {
+          const auto& res =
+              client->get("/probe?target=127.0.0.1:" + std::to_string(engines.ports[i]));
+          failed += res.status != 200 || res.body.find("\norvex_up 1\n") == std::string::npos;
+        } catch (const std::exception&) {
           ++failed;
         }
       }
@@ -224,8 +228,8 @@ int main(int argc, char** argv) {
   const auto scrapersOf = [clientCount](const vigilo::test_support::server_process& server) {
     scrapers clients;
     for (int c = 0; c < clientCount; ++c) {
-      clients.push_back(std::make_unique<httplib::Client>("127.0.0.1", server.port()));
-      clients.back()->set_keep_alive(true);
+      clients.push_back(std::make_unique<scraper>(
+          "127.0.0.1", server.port(), com::orvex::engine::EngineLimits{}, "exporter_bench"));
     }
     return clients;
   };

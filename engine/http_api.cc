@@ -6,6 +6,7 @@
 
 #include "engine_limits.h"
 #include "event_lines.h"
+#include "ovcommon/log.h"
 #include "support/build_info.h"
 
 namespace ovengine {
@@ -13,7 +14,6 @@ namespace ovengine {
 namespace {
 
 using json = nlohmann::json;
-using ovhttp::allowOnly;
 using ovhttp::reply;
 
 }  // namespace
@@ -41,37 +41,45 @@ std::string describe(user_status_result refusal) {
 }
 
 void installRoutes(ovhttp::bounded_server& server, event_engine& engine, int port) {
-  server.Get("/ping",
-             [](const httplib::Request&, httplib::Response& res) { reply(res, 200, "pong"); });
-  server.Get("/info", [&engine, port](const httplib::Request&, httplib::Response& res) {
-    const json info = {{"name", "ovengine"},
-                       {"version", VIGILO_VERSION},
-                       {"port", port},
-                       {"pid", static_cast<long>(getpid())},
-                       {"uptime", engine.uptimeMs()},
-                       {"dropped", engine.droppedEvents()}};
-    res.set_content(info.dump() + "\n", "application/json");
-  });
-  server.Get("/status", [&engine](const httplib::Request&, httplib::Response& res) {
-    json pairs = json::array();
-    for (auto& [key, value] : engine.snapshot()) pairs.push_back({key, value});
-    // Every text was checked on the way in; replacing what cannot be encoded keeps the document
-    // servable whatever happens.
-    res.set_content(
-        json{{"status", std::move(pairs)}}.dump(-1, ' ', false, json::error_handler_t::replace),
-        "application/json");
-  });
-  server.Post("/events", [&engine](const httplib::Request&, httplib::Response& res,
-                                   const httplib::ContentReader& reader) {
-    std::string body;
-    if (!ovhttp::readBody(reader, limits::requestBody, body, res)) return;
+  using ovhttp::request;
+  using ovhttp::response;
+  // Everything but taking events answers from the engine's counters under its lock: quick.
+  const ovhttp::route_options quick{.quick = true};
+  server.route(
+      "GET", "/ping", [](const request&, response& res) { reply(res, 200, "pong"); }, quick);
+  server.route(
+      "GET", "/info",
+      [&engine, port](const request&, response& res) {
+        const json info = {{"name", "ovengine"},
+                           {"version", VIGILO_VERSION},
+                           {"port", port},
+                           {"pid", static_cast<long>(getpid())},
+                           {"uptime", engine.uptimeMs()},
+                           {"dropped", engine.droppedEvents()}};
+        res.contentType = "application/json";
+        res.body = info.dump() + "\n";
+      },
+      quick);
+  server.route(
+      "GET", "/status",
+      [&engine](const request&, response& res) {
+        json pairs = json::array();
+        for (auto& [key, value] : engine.snapshot()) pairs.push_back({key, value});
+        // Every text was checked on the way in; replacing what cannot be encoded keeps the
+        // document servable whatever happens.
+        res.contentType = "application/json";
+        res.body =
+            json{{"status", std::move(pairs)}}.dump(-1, ' ', false, json::error_handler_t::replace);
+      },
+      quick);
+  server.route("POST", "/events", [&engine](const request& req, response& res) {
     std::vector<event> events;
     std::string error;
-    if (!parseEventLines(body, events, error)) return reply(res, 400, error);
+    if (!parseEventLines(req.body, events, error)) return reply(res, 400, error);
     const std::size_t count = events.size();
     switch (engine.submit(std::move(events))) {
       case submit_result::busy:
-        res.set_header("Retry-After", "1");
+        res.headers.emplace_back("Retry-After", "1");
         return reply(
             res, 503,
             "engine busy: " + std::to_string(limits::eventsInFlight) + " events in flight");
@@ -81,30 +89,22 @@ void installRoutes(ovhttp::bounded_server& server, event_engine& engine, int por
         return reply(res, 200, "accepted " + std::to_string(count) + " events");
     }
   });
-  server.Put(R"(/status/user/([^/]*))",
-             [&engine](const httplib::Request& req, httplib::Response& res,
-                       const httplib::ContentReader& reader) {
-               std::string value;
-               if (!ovhttp::readBody(reader, limits::userValueLength, value, res)) return;
-               const std::string key = req.matches[1];
-               const user_status_result result = engine.setUserStatus(key, value);
-               if (result != user_status_result::set) return reply(res, 400, describe(result));
-               reply(res, 200, "user-" + key + " set");
-             });
-  server.Delete(R"(/status/user/([^/]*))",
-                [&engine](const httplib::Request& req, httplib::Response& res) {
-                  const std::string key = req.matches[1];
-                  if (!engine.removeUserStatus(key)) {
-                    return reply(res, 404, "no user status " + key);
-                  }
-                  reply(res, 200, "user-" + key + " removed");
-                });
-
-  allowOnly(server, "/ping", "GET");
-  allowOnly(server, "/info", "GET");
-  allowOnly(server, "/status", "GET");
-  allowOnly(server, "/events", "POST");
-  allowOnly(server, R"(/status/user/([^/]*))", "PUT, DELETE");
+  server.route("PUT", "/status/user/*",
+               [&engine](const request& req, response& res) {
+                 const user_status_result result = engine.setUserStatus(req.wildcard, req.body);
+                 if (result != user_status_result::set) return reply(res, 400, describe(result));
+                 reply(res, 200, "user-" + req.wildcard + " set");
+               },
+               {.maxBody = limits::userValueLength, .quick = true});
+  server.route(
+      "DELETE", "/status/user/*",
+      [&engine](const request& req, response& res) {
+        if (!engine.removeUserStatus(req.wildcard)) {
+          return reply(res, 404, "no user status " + com::orvex::printable(req.wildcard));
+        }
+        reply(res, 200, "user-" + req.wildcard + " removed");
+      },
+      quick);
 }
 
 }  // namespace ovengine

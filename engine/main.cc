@@ -1,6 +1,4 @@
 // ovengine: a real event-processing engine for vigilo to watch.
-#include <httplib.h>
-
 #include <chrono>
 #include <cmath>
 #include <cstdio>

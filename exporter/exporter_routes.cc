@@ -37,39 +37,43 @@ std::chrono::milliseconds probeTimeLimit(std::chrono::milliseconds probeTimeout,
 
 void installRoutes(ovhttp::bounded_server& server, prober& probes,
                    std::chrono::milliseconds probeTimeout) {
-  server.Get("/", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content(homePage, "text/html; charset=utf-8");
-  });
-  server.Get("/probe", [&probes, probeTimeout](const httplib::Request& req,
-                                               httplib::Response& res) {
-    if (!req.has_param("target")) return reply(res, 400, "no target: ask /probe?target=HOST:PORT");
-    const std::string text = req.get_param_value("target");
-    const auto t = parseTarget(text);
-    if (!t)
-      return reply(res, 400, "bad target " + com::orvex::printable(text) + ": expected HOST:PORT");
-    const std::string debug = req.get_param_value("debug");
+  using ovhttp::request;
+  using ovhttp::response;
+  server.route("GET", "/",
+               [](const request&, response& res) {
+                 res.contentType = "text/html; charset=utf-8";
+                 res.body = homePage;
+               },
+               {.quick = true});
+  // A probe waits on its engine: it runs on a worker.
+  server.route("GET", "/probe", [&probes, probeTimeout](const request& req, response& res) {
+    const std::optional<std::string> text = req.param("target");
+    if (!text) return reply(res, 400, "no target: ask /probe?target=HOST:PORT");
+    const auto t = parseTarget(*text);
+    if (!t) {
+      return reply(res, 400, "bad target " + com::orvex::printable(*text) + ": expected HOST:PORT");
+    }
+    const std::string debug = req.param("debug").value_or("");
     if (!debug.empty() && debug != "true" && debug != "false") {
       return reply(res, 400,
                    "bad debug " + com::orvex::printable(debug) + ": expected true or false");
     }
     const auto limit =
-        probeTimeLimit(probeTimeout, req.get_header_value("X-Prometheus-Scrape-Timeout-Seconds"));
+        probeTimeLimit(probeTimeout, req.header("X-Prometheus-Scrape-Timeout-Seconds"));
     prober::answer answer = probes.probe(*t, limit, debug == "true");
     if (answer.status != 200) {
-      if (answer.status == 503) res.set_header("Retry-After", "1");
+      if (answer.status == 503) res.headers.emplace_back("Retry-After", "1");
       return reply(res, answer.status, answer.body);
     }
-    res.set_content(std::move(answer.body),
-                    debug == "true" ? "text/plain; charset=utf-8" : expositionType);
+    res.contentType = debug == "true" ? "text/plain; charset=utf-8" : expositionType;
+    res.body = std::move(answer.body);
   });
-  server.Get("/metrics", [&probes, &server](const httplib::Request&, httplib::Response& res) {
+  server.route("GET", "/metrics", [&probes, &server](const request&, response& res) {
     exporter_figures figures = probes.figures();
     figures.httpConnections = server.openConnections();
-    std::string text;
-    appendExporterMetrics(text, figures);
-    res.set_content(text, expositionType);
+    res.contentType = expositionType;
+    appendExporterMetrics(res.body, figures);
   });
-  for (const char* path : {"/", "/probe", "/metrics"}) ovhttp::allowOnly(server, path, "GET, HEAD");
 }
 
 }  // namespace exporter

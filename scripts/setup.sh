@@ -7,8 +7,8 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ clang-14 libclang-rt-14-dev llvm-14 clang-format
   libgtest-dev libgmock-dev libbenchmark-dev
-  nlohmann-json3-dev libcpp-httplib-dev libsimdjson-dev libc-ares-dev
-  pkg-config git python3 valgrind curl procps
+  nlohmann-json3-dev libboost-dev libsimdjson-dev libc-ares-dev
+  pkg-config git python3 python3-pytest valgrind curl procps
   dpkg-dev fakeroot lintian man-db groff-base bash-completion gnuplot-nox systemd prometheus
   prometheus-alertmanager victoria-metrics
 )

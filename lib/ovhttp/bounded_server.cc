@@ -1,533 +1,445 @@
 #include "bounded_server.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <pthread.h>
-#include <signal.h>
-#include <strings.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <algorithm>
+// Before Asio: Boost 1.74's awaitable.hpp uses std::exchange without including <utility>.
+#include <utility>
+//
+#include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/error.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <boost/beast/http/write.hpp>
 #include <cctype>
-#include <cerrno>
-#include <cstring>
-#include <map>
-#include <stdexcept>
+#include <memory>
+#include <optional>
 #include <string_view>
+#include <unordered_set>
+
+#include "ovcommon/log.h"
+#include "request_reader.h"
+#include "route_table.h"
+#include "worker_pool.h"
 
 namespace ovhttp {
 
 namespace {
 
-using clock_type = std::chrono::steady_clock;
-using std::chrono::milliseconds;
+namespace asio = boost::asio;
+using tcp = asio::ip::tcp;
+using boost::system::error_code;
 
 constexpr std::size_t readChunk = 16 * 1024;
 // Chunk sizes, extensions and trailers around a body of the largest size.
 constexpr std::size_t framingAllowance = 64 * 1024;
 // How long a refused or finished connection is drained before it closes, so that the client
 // reads the response rather than a reset.
-constexpr milliseconds lingerTime{1000};
+constexpr std::chrono::milliseconds lingerTime{1000};
+// How long accepting pauses when the process has no descriptor or memory left for a client.
+constexpr std::chrono::milliseconds acceptPauseTime{50};
 
-thread_local bool closeRequested = false;
+const char continueLine[] = "HTTP/1.1 100 Continue\r\n\r\n";
 
-const char* reasonPhrase(int status) {
-  switch (status) {
-    case 408:
-      return "Request Timeout";
-    case 414:
-      return "URI Too Long";
-    case 431:
-      return "Request Header Fields Too Large";
-    default:
-      return "Service Unavailable";
-  }
-}
-
-// A refusal made before any handler has seen the request; the connection closes after it.
-void sendRefusal(int fd, int status, const std::string& text) {
-  const std::string bytes =
-      "HTTP/1.1 " + std::to_string(status) + " " + reasonPhrase(status) +
-      "\r\nContent-Type: text/plain\r\nContent-Length: " + std::to_string(text.size() + 1) +
-      "\r\n" + (status == 503 ? "Retry-After: 1\r\n" : "") + "Connection: close\r\n\r\n" + text +
-      "\n";
-  (void)!send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  shutdown(fd, SHUT_WR);
-}
-
-// Waits until `fd` is ready for `events`; false at the deadline or once the server stops.
-bool waitReady(int fd, short events, int stopFd, clock_type::time_point deadline) {
-  for (;;) {
-    const auto left =
-        std::chrono::duration_cast<milliseconds>(deadline - clock_type::now()).count();
-    if (left <= 0) return false;
-    pollfd fds[2] = {{fd, events, 0}, {stopFd, POLLIN, 0}};
-    const int ready = poll(fds, 2, static_cast<int>(std::min<long>(left, 1000)));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready < 0 || fds[1].revents != 0) return false;
-    if (ready > 0) return true;
-  }
-}
+class connection;
 
 }  // namespace
 
-namespace {
+struct bounded_server::state {
+  explicit state(server_limits limits) : limits(limits), workers(limits.maxConnections) {}
 
-sigset_t stopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  return signals;
-}
+  void accept();
+  void closeAll();
 
-}  // namespace
-
-void blockStopSignals() {
-  const sigset_t signals = stopSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
-}
-
-bool serveUntilStopSignal(bounded_server& server, const std::function<void()>& onStop) {
-  std::thread stopper([&server, &onStop] {
-    const sigset_t signals = stopSignals();
-    int signal = 0;
-    sigwait(&signals, &signal);
-    if (onStop) onStop();
-    server.shutdown();
-  });
-  const bool served = server.serve();
-  pthread_kill(stopper.native_handle(), SIGTERM);  // wakes the stopper if no signal came
-  stopper.join();
-  return served;
-}
-
-void reply(httplib::Response& res, int status, const std::string& text) {
-  res.status = status;
-  res.set_content(text + "\n", "text/plain");
-}
-
-void allowOnly(httplib::Server& server, const std::string& pattern, const std::string& allow) {
-  const auto refuse = [allow](const httplib::Request& req, httplib::Response& res) {
-    res.set_header("Allow", allow);
-    reply(res, 405, "method " + req.method + " not allowed on " + req.path);
-  };
-  if (allow.find("GET") == std::string::npos) server.Get(pattern, refuse);
-  if (allow.find("POST") == std::string::npos) server.Post(pattern, refuse);
-  if (allow.find("PUT") == std::string::npos) server.Put(pattern, refuse);
-  if (allow.find("DELETE") == std::string::npos) server.Delete(pattern, refuse);
-  server.Patch(pattern, refuse);
-}
-
-void closeAfterResponse() { closeRequested = true; }
-
-bool readBody(const httplib::ContentReader& reader, std::size_t limit, std::string& body,
-              httplib::Response& res) {
-  bool tooLarge = false;
-  const bool whole = reader([&](const char* data, std::size_t length) {
-    tooLarge = body.size() + length > limit;
-    if (!tooLarge) body.append(data, length);
-    return !tooLarge;
-  });
-  if (whole) return true;
-  closeAfterResponse();
-  if (tooLarge) {
-    reply(res, 413, "request body exceeds " + std::to_string(limit) + " bytes");
-  } else {
-    reply(res, 400, "request body incomplete");
-  }
-  return false;
-}
-
-struct bounded_server::connection {
-  explicit connection(int fd) : fd(fd) {}
-  std::size_t pending() const { return buffer.size() - consumed; }
-
-  const int fd;
-  std::string buffer;         // bytes read from the client
-  std::size_t consumed = 0;   // of them, those taken by requests already read
-  std::size_t headBytes = 0;  // the head of the next request, once complete
-  clock_type::time_point since = clock_type::now();  // idle since, or first byte of a request
-  bool closing = false;  // answered and shut for writing: drained until the client closes
+  const server_limits limits;
+  route_table routes;
+  std::atomic<bool> stopping{false};
+  std::atomic<std::size_t> open{0};  // counted connections, whose sockets are open
+  // The rest belongs to the serving thread.
+  std::size_t refusing = 0;  // connections refused at the cap, still being answered
+  std::unordered_set<connection*> live;
+  bool acceptFailed = false;
+  // Destroyed before the members above: what the context still holds may reach them.
+  asio::io_context io{1};
+  tcp::acceptor acceptor{io};
+  asio::steady_timer acceptPause{io};
+  worker_pool workers;
 };
 
 namespace {
 
-// httplib's view of one request on a connection: the bytes already read first, then the socket,
-// never more than the request may hold, never past its deadline or the server's stop.
-class request_stream : public httplib::Stream {
+using server_state = bounded_server::state;
+
+// One client connection: its requests one after another, each read whole before its handler runs,
+// and its answer written before the next is read. Lives on the serving thread; a handler that runs
+// on a worker holds it, and hands its response back to the serving thread.
+class connection : public std::enable_shared_from_this<connection> {
  public:
-  request_stream(int fd, std::string& buffer, std::size_t& consumed, std::size_t allowance,
-                 clock_type::time_point deadline, milliseconds writeTimeout, int stopFd)
-      : fd(fd),
-        buffer(buffer),
-        consumed(consumed),
-        allowance(allowance),
-        deadline(deadline),
-        writeTimeout(writeTimeout),
-        stopFd(stopFd) {}
+  // A connection refused at the cap is not `counted` among the open ones.
+  connection(server_state& server, tcp::socket socket, bool counted)
+      : server(server), socket(std::move(socket)), timer(server.io), counted(counted) {
+    server.live.insert(this);
+    if (!counted) ++server.refusing;
+  }
+  ~connection() { close(); }
 
-  bool is_readable() const override {
-    return consumed < buffer.size() || waitReady(fd, POLLIN, stopFd, deadline);
-  }
-  bool is_writable() const override {
-    return waitReady(fd, POLLOUT, stopFd, clock_type::now() + writeTimeout);
-  }
-
-  ssize_t read(char* ptr, size_t size) override {
-    if (taken >= allowance) return -1;
-    while (consumed == buffer.size()) {
-      buffer.clear();
-      consumed = 0;
-      if (!waitReady(fd, POLLIN, stopFd, deadline)) return -1;
-      char chunk[readChunk];
-      const ssize_t got = recv(fd, chunk, sizeof chunk, 0);
-      if (got == 0) return 0;
-      if (got < 0 && errno != EAGAIN && errno != EINTR) return -1;
-      if (got > 0) buffer.append(chunk, static_cast<std::size_t>(got));
-    }
-    const std::size_t length = std::min({size, buffer.size() - consumed, allowance - taken});
-    std::memcpy(ptr, buffer.data() + consumed, length);
-    consumed += length;
-    taken += length;
-    return static_cast<ssize_t>(length);
-  }
-
-  ssize_t write(const char* ptr, size_t size) override {
-    for (std::size_t sent = 0; sent < size;) {
-      const ssize_t n = send(fd, ptr + sent, size - sent, MSG_NOSIGNAL);
-      if (n > 0) {
-        sent += static_cast<std::size_t>(n);
-      } else if ((errno != EAGAIN && errno != EINTR) ||
-                 !waitReady(fd, POLLOUT, stopFd, clock_type::now() + writeTimeout)) {
-        return -1;
-      }
-    }
-    return static_cast<ssize_t>(size);
-  }
-
-  void get_remote_ip_and_port(std::string& ip, int& port) const override {
-    address(getpeername, ip, port);
-  }
-  void get_local_ip_and_port(std::string& ip, int& port) const override {
-    address(getsockname, ip, port);
-  }
-  socket_t socket() const override { return fd; }
+  void start() { readRequest(); }
+  // Answers with `status` and `why` before any handler has seen the request, then closes.
+  void refuse(int status, const std::string& why);
+  void close();
 
  private:
-  void address(int (*get)(int, sockaddr*, socklen_t*), std::string& ip, int& port) const {
-    sockaddr_storage storage{};
-    socklen_t length = sizeof storage;
-    if (get(fd, reinterpret_cast<sockaddr*>(&storage), &length) != 0) return;
-    char text[INET6_ADDRSTRLEN] = "";
-    const bool v6 = storage.ss_family == AF_INET6;
-    const auto* a4 = reinterpret_cast<const sockaddr_in*>(&storage);
-    const auto* a6 = reinterpret_cast<const sockaddr_in6*>(&storage);
-    inet_ntop(storage.ss_family, v6 ? static_cast<const void*>(&a6->sin6_addr) : &a4->sin_addr,
-              text, sizeof text);
-    ip = text;
-    port = ntohs(v6 ? a6->sin6_port : a4->sin_port);
+  enum class phase { waiting, reading, handling, writing, lingering, closed };
+
+  void readRequest();
+  void readMore();
+  void parse();
+  void refuseRequest(error_code ec);
+  void handle();
+  void respond(response res);
+  void write(response res, bool closeAfter);
+  void linger();
+  void drain();
+  void arm(std::chrono::milliseconds after);
+  void onTimeout();
+
+  server_state& server;
+  tcp::socket socket;
+  asio::steady_timer timer;
+  unsigned timerRound = 0;  // a wait of an earlier round is stale
+  boost::beast::flat_buffer buffer;
+  std::optional<request_reader> reader;
+  std::size_t taken = 0;  // bytes of the buffer that this request has taken
+  bool continueSent = false;
+  std::unique_ptr<http::response<http::string_body>> outgoing;
+  phase now = phase::waiting;
+  const bool counted;
+};
+
+void connection::close() {
+  if (now == phase::closed) return;
+  now = phase::closed;
+  ++timerRound;
+  timer.cancel();
+  error_code ignored;
+  socket.close(ignored);
+  server.live.erase(this);
+  if (counted) {
+    --server.open;
+  } else {
+    --server.refusing;
   }
+}
 
-  const int fd;
-  std::string& buffer;
-  std::size_t& consumed;
-  const std::size_t allowance;
-  std::size_t taken = 0;
-  const clock_type::time_point deadline;
-  const milliseconds writeTimeout;
-  const int stopFd;
-};
+void connection::arm(std::chrono::milliseconds after) {
+  timer.expires_after(after);
+  timer.async_wait([self = shared_from_this(), round = ++timerRound](error_code ec) {
+    if (!ec && round == self->timerRound) self->onTimeout();
+  });
+}
 
-// Accepted connections are handed over at once: the server's own threads take it from there.
-class hand_over_queue : public httplib::TaskQueue {
- public:
-  void enqueue(std::function<void()> fn) override { fn(); }
-  void shutdown() override {}
-};
+void connection::onTimeout() {
+  if (now == phase::reading) {
+    return refuse(408, "request not complete within " +
+                           std::to_string(server.limits.requestTimeout.count()) + " ms");
+  }
+  close();  // idle, a client that does not read its answer, or the end of a linger
+}
+
+void connection::readRequest() {
+  reader.emplace(server.limits, server.routes);
+  taken = 0;
+  continueSent = false;
+  if (buffer.size() == 0) {
+    now = phase::waiting;
+    arm(server.limits.idleTimeout);
+    return readMore();
+  }
+  // A request that came right behind the last one is read at once.
+  now = phase::reading;
+  arm(server.limits.requestTimeout);
+  parse();
+}
+
+void connection::readMore() {
+  socket.async_read_some(
+      buffer.prepare(readChunk), [self = shared_from_this()](error_code ec, std::size_t n) {
+        if (self->now == phase::closed) return;
+        if (ec) return self->close();  // the client has gone, or left a request unfinished
+        self->buffer.commit(n);
+        if (self->now == phase::waiting) {
+          self->now = phase::reading;  // the time of a request runs from its first byte
+          self->arm(self->server.limits.requestTimeout);
+        }
+        self->parse();
+      });
+}
+
+void connection::parse() {
+  request_reader& r = *reader;
+  const server_limits& limits = server.limits;
+  const std::string headTooLong =
+      "request head exceeds " + std::to_string(limits.maxHeadBytes) + " bytes";
+  while (buffer.size() > 0 && !r.is_done()) {
+    const bool headRead = r.is_header_done();
+    error_code ec;
+    const std::size_t used = r.put(buffer.data(), ec);
+    buffer.consume(used);
+    taken += used;
+    if (ec == http::error::need_more) break;
+    if (ec) return refuseRequest(ec);
+    // The parser bounds the request line and the fields each on their own; the head as a whole
+    // is bounded here. It has just been taken whole, and nothing after it.
+    if (!headRead && r.is_header_done() && taken > limits.maxHeadBytes) {
+      return refuse(431, headTooLong);
+    }
+  }
+  if (r.is_done()) return handle();
+  // What is known to be too long is refused as it arrives, not once it is complete.
+  if (!r.requestLineSeen && buffer.size() >= limits.maxRequestLine &&
+      std::string_view(static_cast<const char*>(buffer.data().data()), limits.maxRequestLine)
+              .find("\r\n") == std::string_view::npos) {
+    return refuse(414, "request line exceeds " + std::to_string(limits.maxRequestLine) + " bytes");
+  }
+  if (!r.is_header_done() && taken + buffer.size() > limits.maxHeadBytes) {
+    return refuse(431, headTooLong);
+  }
+  if (taken + buffer.size() > limits.maxHeadBytes + r.bodyLimit + framingAllowance) {
+    return refuse(413, "request body exceeds " + std::to_string(r.bodyLimit) + " bytes");
+  }
+  if (r.is_header_done() && r.expectsContinue && !continueSent) {
+    continueSent = true;
+    return asio::async_write(socket, asio::buffer(continueLine, sizeof continueLine - 1),
+                             [self = shared_from_this()](error_code ec, std::size_t) {
+                               if (self->now == phase::closed) return;
+                               if (ec) return self->close();
+                               self->readMore();
+                             });
+  }
+  readMore();
+}
+
+void connection::refuseRequest(error_code ec) {
+  const request_reader& r = *reader;
+  const server_limits& limits = server.limits;
+  if (r.refusalStatus != 0) return refuse(r.refusalStatus, r.refusalReason);
+  if (ec == http::error::body_limit) {
+    return refuse(413, "request body exceeds " + std::to_string(r.bodyLimit) + " bytes");
+  }
+  if (ec == http::error::header_limit) {
+    if (!r.requestLineSeen) {
+      return refuse(414,
+                    "request line exceeds " + std::to_string(limits.maxRequestLine) + " bytes");
+    }
+    return refuse(431, "request head exceeds " + std::to_string(limits.maxHeadBytes) + " bytes");
+  }
+  refuse(400, "bad request");
+}
+
+void runHandler(const route_entry& route, const request& req, response& res) {
+  try {
+    route.serve(req, res);
+  } catch (const std::exception& e) {
+    res = {};
+    reply(res, 500, "internal error: " + com::orvex::printable(e.what()));
+  }
+}
+
+void connection::handle() {
+  now = phase::handling;
+  ++timerRound;
+  timer.cancel();
+  request_reader& r = *reader;
+  response res;
+  if (r.target.route == nullptr) {
+    if (r.target.status == 405) {
+      res.headers.emplace_back("Allow", r.target.allow);
+      reply(res, 405,
+            "method " + com::orvex::printable(r.taken.method) + " not allowed on " +
+                com::orvex::printable(r.taken.path));
+    } else {
+      reply(res, 404, "no such resource " + com::orvex::printable(r.taken.path));
+    }
+    return respond(std::move(res));
+  }
+  if (r.target.route->options.quick) {
+    runHandler(*r.target.route, r.taken, res);
+    return respond(std::move(res));
+  }
+  server.workers.run(
+      [self = shared_from_this(), &route = *r.target.route, req = std::move(r.taken)]() mutable {
+        response res;
+        runHandler(route, req, res);
+        server_state& server = self->server;
+        asio::post(server.io, [self = std::move(self), res = std::move(res)]() mutable {
+          self->respond(std::move(res));
+        });
+      });
+}
+
+void connection::respond(response res) {
+  if (now == phase::closed) return;
+  const bool closeAfter = res.close || !reader->keep_alive() || server.stopping;
+  write(std::move(res), closeAfter);
+}
+
+void connection::refuse(int status, const std::string& why) {
+  response res;
+  reply(res, status, why);
+  if (status == 503) res.headers.emplace_back("Retry-After", "1");
+  write(std::move(res), true);
+}
+
+void connection::write(response res, bool closeAfter) {
+  const bool headOnly = reader && reader->requestLineSeen && reader->taken.method == "HEAD";
+  outgoing = std::make_unique<http::response<http::string_body>>(
+      static_cast<http::status>(res.status), reader ? reader->version : 11);
+  http::response<http::string_body>& message = *outgoing;
+  message.set(http::field::content_type, res.contentType);
+  for (const auto& [name, value] : res.headers) message.set(name, value);
+  message.body() = std::move(res.body);
+  message.prepare_payload();
+  if (headOnly) message.body().clear();  // its length stays announced
+  message.keep_alive(!closeAfter);
+  now = phase::writing;
+  arm(server.limits.requestTimeout);
+  http::async_write(socket, message,
+                    [self = shared_from_this(), closeAfter](error_code ec, std::size_t) {
+                      if (self->now == phase::closed) return;
+                      self->outgoing.reset();
+                      if (ec) return self->close();
+                      if (closeAfter) return self->linger();
+                      self->readRequest();
+                    });
+}
+
+void connection::linger() {
+  now = phase::lingering;
+  error_code ignored;
+  socket.shutdown(tcp::socket::shutdown_send, ignored);
+  arm(lingerTime);
+  buffer.clear();
+  drain();
+}
+
+void connection::drain() {
+  socket.async_read_some(buffer.prepare(readChunk),
+                         [self = shared_from_this()](error_code ec, std::size_t) {
+                           if (self->now == phase::closed) return;
+                           if (ec) return self->close();
+                           self->drain();
+                         });
+}
+
+bool resourceShortage(const error_code& ec) {
+  return ec == asio::error::no_descriptors || ec == asio::error::no_buffer_space ||
+         ec == asio::error::no_memory || ec.value() == ENFILE;
+}
 
 }  // namespace
 
-bounded_server::bounded_server(server_limits limits) : limits(limits) {
-  if (pipe2(stopPipe, O_CLOEXEC) != 0 || pipe2(wakePipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-    throw std::runtime_error(std::string("cannot create pipes: ") + std::strerror(errno));
-  }
-  new_task_queue = [] { return new hand_over_queue; };
-  // The library's default also sets SO_REUSEPORT, with which a second server on a port shares its
-  // requests with the first instead of failing.
-  set_socket_options([](socket_t sock) {
-    const int yes = 1;
-    setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  });
-  set_keep_alive_max_count(std::size_t{1} << 40);
-  set_keep_alive_timeout(
-      std::chrono::duration_cast<std::chrono::seconds>(limits.idleTimeout).count());
-  set_payload_max_length(limits.maxBodyBytes);
-  set_pre_routing_handler([limits](const httplib::Request& req, httplib::Response& res) {
-    const std::string encoding = req.get_header_value("Content-Encoding");
-    const std::string transfer = req.get_header_value("Transfer-Encoding");
-    const std::string length = req.get_header_value("Content-Length");
-    if (!encoding.empty() && strcasecmp(encoding.c_str(), "identity") != 0) {
-      reply(res, 415, "request bodies are taken without a content encoding");
-    } else if (!transfer.empty() && strcasecmp(transfer.c_str(), "chunked") != 0) {
-      reply(res, 400, "unsupported Transfer-Encoding");
-    } else if (!length.empty() &&
-               std::strtoull(length.c_str(), nullptr, 10) > limits.maxBodyBytes) {
-      reply(res, 413, "request body exceeds " + std::to_string(limits.maxBodyBytes) + " bytes");
-    } else {
-      return httplib::Server::HandlerResponse::Unhandled;
+void bounded_server::state::accept() {
+  acceptor.async_accept([this](error_code ec, tcp::socket socket) {
+    if (stopping || ec == asio::error::operation_aborted) return;
+    if (resourceShortage(ec)) {
+      acceptPause.expires_after(acceptPauseTime);
+      acceptPause.async_wait([this](error_code waited) {
+        if (!waited) accept();
+      });
+      return;
     }
-    closeAfterResponse();
-    return httplib::Server::HandlerResponse::Handled;
+    if (ec == asio::error::bad_descriptor) {
+      acceptFailed = true;
+      return;
+    }
+    if (!ec) {
+      error_code ignored;
+      // A reply goes out in one piece rather than waiting on a delayed ACK.
+      socket.set_option(tcp::no_delay(true), ignored);
+      if (open < limits.maxConnections) {
+        ++open;
+        std::make_shared<connection>(*this, std::move(socket), true)->start();
+      } else if (refusing < limits.maxConnections) {
+        std::make_shared<connection>(*this, std::move(socket), false)
+            ->refuse(503, "too many connections");
+      }
+    }
+    accept();
   });
-  // Whatever reaches no route, and refusals by the HTTP library itself, get a reason too. A
-  // request the library could not read is left partly unread, so its connection ends with it.
-  set_error_handler(
-      httplib::Server::HandlerWithResponse([](const httplib::Request& req, httplib::Response& res) {
-        if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
-        if (res.status == 404) {
-          reply(res, 404, "no such resource " + req.path);
-        } else {
-          reply(res, res.status, "bad request");
-          closeAfterResponse();
-        }
-        return httplib::Server::HandlerResponse::Handled;
-      }));
 }
 
-bounded_server::~bounded_server() {
-  shutdown();
-  for (int fd : {stopPipe[0], stopPipe[1], wakePipe[0], wakePipe[1]}) close(fd);
+void bounded_server::state::closeAll() {
+  error_code ignored;
+  acceptor.close(ignored);
+  acceptPause.cancel();
+  const std::vector<connection*> all(live.begin(), live.end());
+  for (connection* c : all) c->close();
+}
+
+void reply(response& res, int status, const std::string& text) {
+  res.status = status;
+  res.contentType = "text/plain";
+  res.body = text + "\n";
+}
+
+bounded_server::bounded_server(server_limits limits) : self(std::make_unique<state>(limits)) {}
+
+bounded_server::~bounded_server() { shutdown(); }
+
+void bounded_server::route(const std::string& method, const std::string& path, handler h,
+                           route_options options) {
+  self->routes.add({method, path, false, std::move(h), options});
 }
 
 int bounded_server::bindTo(const std::string& host, unsigned short port, std::string& error) {
-  errno = 0;
-  const int bound = port == 0 ? bind_to_any_port(host) : bind_to_port(host, port) ? port : -1;
-  if (bound > 0) return bound;
-  if (errno == EADDRINUSE) {
+  error_code ec;
+  tcp::endpoint endpoint;
+  const asio::ip::address address = asio::ip::make_address(host, ec);
+  if (!ec) {
+    endpoint = {address, port};
+  } else {
+    tcp::resolver resolver(self->io);
+    const auto found = resolver.resolve(host, std::to_string(port), ec);
+    if (!ec && found.empty()) ec = asio::error::host_not_found;
+    if (!ec) endpoint = *found.begin();
+  }
+  tcp::acceptor& acceptor = self->acceptor;
+  if (!ec) acceptor.open(endpoint.protocol(), ec);
+  if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
+  if (!ec) acceptor.bind(endpoint, ec);
+  if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
+  if (!ec) return acceptor.local_endpoint().port();
+  error_code ignored;
+  acceptor.close(ignored);
+  if (ec == asio::error::address_in_use) {
     error = "address in use";
   } else {
-    error = errno == 0 ? "cannot resolve or bind" : std::strerror(errno);
-    error[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(error[0])));
+    error = ec.message();
+    if (!error.empty())
+      error[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(error[0])));
   }
   return 0;
 }
 
 bool bounded_server::serve() {
-  bool start = false;
-  {
-    std::lock_guard<std::mutex> lock(startMutex);
-    serving = true;
-    start = !stopping;
-    // The library listens with a backlog of 5: a burst of new clients would wait on SYN retries.
-    // Listening again on the bound socket only raises the backlog.
-    if (start) ::listen(svr_sock_, SOMAXCONN);
-  }
-  bool accepted = true;
-  if (start) {
-    watcher = std::thread([this] { watch(); });
-    accepted = listen_after_bind();
-  }
-  serving = false;
-  shutdown();
-  if (watcher.joinable()) watcher.join();
-  workAvailable.notify_all();
-  for (std::thread& worker : workers) worker.join();
-  for (auto& conn : handedToWatcher) closeConnection(std::move(conn));
-  for (auto& conn : readyForWorkers) closeConnection(std::move(conn));
-  return accepted;
+  if (self->stopping) return true;
+  self->accept();
+  self->io.run();
+  self->workers.stop();
+  // Handlers that ended meanwhile hand their answers to connections already closed.
+  self->io.restart();
+  self->io.poll();
+  return !self->acceptFailed;
 }
 
 void bounded_server::shutdown() {
-  if (!stopping.exchange(true)) {
-    (void)!write(stopPipe[1], "s", 1);
-    std::lock_guard<std::mutex> lock(mutex);
-    workAvailable.notify_all();
-  }
-  { std::lock_guard<std::mutex> lock(startMutex); }  // serve() has listened, or never will
-  // A stop that came before the server listens would find nothing to stop.
-  while (serving && !is_running()) {
-    std::this_thread::sleep_for(milliseconds(1));
-  }
-  stop();
+  if (self->stopping.exchange(true)) return;
+  asio::post(self->io, [s = self.get()] { s->closeAll(); });
 }
 
-bool bounded_server::process_and_close_socket(socket_t sock) {
-  if (stopping || open >= limits.maxConnections) {
-    if (!stopping) sendRefusal(sock, 503, "too many connections");
-    close(sock);
-    return false;
-  }
-  ++open;
-  fcntl(sock, F_SETFL, fcntl(sock, F_GETFL) | O_NONBLOCK);
-  const int one = 1;  // a reply goes out in one piece rather than waiting on a delayed ACK
-  setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-  handBack(std::make_unique<connection>(sock));
-  return true;
-}
-
-bounded_server::head_state bounded_server::examineHead(connection& conn) {
-  const std::string_view bytes = std::string_view(conn.buffer).substr(conn.consumed);
-  const std::size_t lineEnd = bytes.find("\r\n");
-  const std::size_t headEnd = bytes.find("\r\n\r\n");
-  const std::string_view head = bytes.substr(0, headEnd);
-  // Every line of the head after the request line is a field; the last one may be unfinished.
-  std::size_t fields = 0;
-  std::size_t longestField = 0;  // line end included
-  for (std::size_t at = head.find("\r\n"); at != std::string_view::npos;) {
-    const std::size_t next = head.find("\r\n", at + 2);
-    ++fields;
-    longestField =
-        std::max(longestField, (next == std::string_view::npos ? head.size() : next) - at);
-    at = next;
-  }
-  int status = 0;
-  std::string why;
-  if ((lineEnd == std::string_view::npos ? bytes.size() : lineEnd) + 2 > limits.maxRequestLine) {
-    status = 414;
-    why = "request line exceeds " + std::to_string(limits.maxRequestLine) + " bytes";
-  } else if (fields > limits.maxHeaderFields) {
-    status = 431;
-    why = "more than " + std::to_string(limits.maxHeaderFields) + " header fields";
-  } else if (longestField > limits.maxFieldLine) {
-    status = 431;
-    why = "header field exceeds " + std::to_string(limits.maxFieldLine) + " bytes";
-  } else if (head.size() + 4 > limits.maxHeadBytes) {
-    status = 431;
-    why = "request head exceeds " + std::to_string(limits.maxHeadBytes) + " bytes";
-  } else if (headEnd == std::string_view::npos) {
-    return head_state::incomplete;
-  } else {
-    conn.headBytes = headEnd + 4;
-    return head_state::complete;
-  }
-  sendRefusal(conn.fd, status, why);
-  conn.closing = true;
-  conn.since = clock_type::now();
-  return head_state::refused;
-}
-
-void bounded_server::watch() {
-  std::map<int, connection_ptr> watched;
-  while (!stopping) {
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      for (auto& conn : handedToWatcher) watched[conn->fd] = std::move(conn);
-      handedToWatcher.clear();
-    }
-    std::vector<pollfd> fds = {{wakePipe[0], POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
-    for (const auto& [fd, conn] : watched) fds.push_back({fd, POLLIN, 0});
-    poll(fds.data(), fds.size(), 100);
-    char drained[64];
-    while (read(wakePipe[0], drained, sizeof drained) > 0) {
-    }
-    const auto now = clock_type::now();
-    for (std::size_t i = 2; i < fds.size(); ++i) {
-      connection& conn = *watched[fds[i].fd];
-      const bool partial = conn.pending() > 0;
-      if (fds[i].revents != 0) {
-        char chunk[readChunk];
-        const ssize_t got = recv(conn.fd, chunk, sizeof chunk, 0);
-        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
-          closeConnection(std::move(watched[fds[i].fd]));
-        } else if (got > 0 && !conn.closing) {
-          if (!partial) conn.since = now;
-          conn.buffer.append(chunk, static_cast<std::size_t>(got));
-          if (examineHead(conn) == head_state::complete) dispatch(std::move(watched[fds[i].fd]));
-        }
-      } else if (conn.closing
-                     ? now - conn.since > lingerTime
-                     : now - conn.since > (partial ? limits.requestTimeout : limits.idleTimeout)) {
-        if (partial && !conn.closing) {
-          sendRefusal(conn.fd, 408,
-                      "request not complete within " +
-                          std::to_string(limits.requestTimeout.count()) + " ms");
-        }
-        closeConnection(std::move(watched[fds[i].fd]));
-      }
-    }
-    std::erase_if(watched, [](const auto& entry) { return entry.second == nullptr; });
-  }
-  for (auto& [fd, conn] : watched) closeConnection(std::move(conn));
-}
-
-void bounded_server::dispatch(connection_ptr conn) {
-  std::lock_guard<std::mutex> lock(mutex);
-  readyForWorkers.push_back(std::move(conn));
-  if (readyForWorkers.size() > idleWorkers && workers.size() < limits.maxConnections) {
-    workers.emplace_back([this] { work(); });
-  } else {
-    workAvailable.notify_one();
-  }
-}
-
-void bounded_server::work() {
-  std::unique_lock<std::mutex> lock(mutex);
-  for (;;) {
-    ++idleWorkers;
-    workAvailable.wait(lock, [this] { return stopping || !readyForWorkers.empty(); });
-    --idleWorkers;
-    if (readyForWorkers.empty()) return;
-    connection_ptr conn = std::move(readyForWorkers.front());
-    readyForWorkers.pop_front();
-    lock.unlock();
-    if (stopping) {
-      closeConnection(std::move(conn));
-    } else {
-      serveRequests(std::move(conn));
-    }
-    lock.lock();
-  }
-}
-
-void bounded_server::serveRequests(connection_ptr conn) {
-  for (;;) {
-    request_stream stream(conn->fd, conn->buffer, conn->consumed,
-                          conn->headBytes + limits.maxBodyBytes + framingAllowance,
-                          conn->since + limits.requestTimeout, limits.requestTimeout, stopPipe[0]);
-    closeRequested = false;
-    bool clientCloses = false;
-    if (!process_request(stream, stopping, clientCloses, nullptr)) {
-      closeConnection(std::move(conn));
-      return;
-    }
-    conn->buffer.erase(0, conn->consumed);
-    conn->consumed = 0;
-    conn->since = clock_type::now();
-    if (clientCloses || closeRequested || stopping) {
-      ::shutdown(conn->fd, SHUT_WR);
-      conn->closing = true;
-      handBack(std::move(conn));
-      return;
-    }
-    // A request that came right behind this one is served at once; anything else waits with
-    // the idle connections.
-    if (examineHead(*conn) != head_state::complete) {
-      handBack(std::move(conn));
-      return;
-    }
-  }
-}
-
-void bounded_server::handBack(connection_ptr conn) {
-  if (stopping) {
-    closeConnection(std::move(conn));
-    return;
-  }
-  std::lock_guard<std::mutex> lock(mutex);
-  handedToWatcher.push_back(std::move(conn));
-  (void)!write(wakePipe[1], "w", 1);
-}
-
-void bounded_server::closeConnection(connection_ptr conn) {
-  if (conn == nullptr) return;
-  close(conn->fd);
-  --open;
-}
+std::size_t bounded_server::openConnections() const { return self->open; }
 
 }  // namespace ovhttp

@@ -1,0 +1,119 @@
+"""The real vigilo-exporter between real and scripted engines, its expositions checked by promtool.
+Probes themselves are tested in prober_test.cc, the server's bounds in lib/ovhttp; here, what only
+the program shows."""
+
+import http.client
+import shutil
+import signal
+import socket
+import subprocess
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+from testing.programs import (BOUND, SCALE, VALGRIND, eventually, http_reply, program,
+                              status_reply, under_valgrind)
+
+PROMTOOL = shutil.which("promtool")
+
+
+def get(port, path):
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=BOUND * 6)
+    connection.request("GET", path)
+    answer = connection.getresponse()
+    return answer.status, answer.getheader("Content-Type"), answer.read().decode()
+
+
+def promtool_check(exposition):
+    checked = subprocess.run([PROMTOOL, "check", "metrics"], input=exposition, text=True,
+                             capture_output=True, timeout=BOUND)
+    return checked.returncode, checked.stdout + checked.stderr
+
+
+@pytest.mark.parametrize("path, answer", [
+    ("/probe", "no target: ask /probe?target=HOST:PORT\n"),
+    ("/probe?target=engine", "bad target engine: expected HOST:PORT\n"),
+    ("/probe?target=127.0.0.1%00junk%1b:1",
+     "bad target 127.0.0.1\\x00junk\\x1b:1: expected HOST:PORT\n"),
+    ("/probe?target=127.0.0.1:1&debug=yes", "bad debug yes: expected true or false\n"),
+])
+def test_refuses_a_bad_probe_with_its_reason(exporter, path, answer):
+    assert get(exporter().port, path) == (400, "text/plain", answer)
+
+
+@pytest.mark.skipif(PROMTOOL is None, reason="promtool is not installed")
+def test_expositions_pass_promtool(exporter, engine):
+    port = exporter().port
+    status, kind, probe = get(port, "/probe?target=127.0.0.1:%d" % engine().port)
+    assert (status, kind) == (200, "text/plain; version=0.0.4; charset=utf-8")
+    assert "\norvex_up 1\n" in probe
+    assert promtool_check(probe) == (0, "")
+    _, _, metrics = get(port, "/metrics")
+    assert ('\nvigilo_exporter_probes_total{result="success"} 1\n'
+            'vigilo_exporter_probes_total{result="failure"} 0\n') in metrics
+    assert promtool_check(metrics) == (0, "")
+
+
+@pytest.mark.parametrize("under", ["prlimit"] + (["valgrind"] if VALGRIND else []))
+def test_a_stop_ends_probes_in_flight_within_a_second(exporter, scripted_engine, under):
+    """Started with a soft open-file limit below its hard one, the exporter raises it and shares
+    the descriptors out: 2048, less 64 of its own, a quarter of the rest for its clients and 256
+    for the probes in flight. (Valgrind keeps the limit as it finds it.) A stop ends it within a
+    second, with probes in flight that would take five."""
+    wrapper = (["/usr/bin/prlimit", "--nofile=256:2048", "--"] if under == "prlimit"
+               else under_valgrind([]))
+    running = exporter("--probe.timeout=5s", wrapper=wrapper)
+    silent = scripted_engine(lambda path, _: http_reply(200, "OK", "pong") if path == "/ping"
+                             else None)
+    waiting = []
+    for _ in range(5):
+        waiting.append(socket.create_connection(("127.0.0.1", running.port), BOUND))
+        waiting[-1].sendall(b"GET /probe?target=127.0.0.1:%d HTTP/1.1\r\n\r\n" % silent.port)
+    eventually(lambda: silent.requests == 10, "the probes did not reach the engine",
+               timeout=BOUND * 6)  # five of /ping and /status each
+    started = time.monotonic()
+    running.signal(signal.SIGTERM)
+    status, out, err = running.finish(BOUND * 6)
+    stopped = time.monotonic() - started
+    lines = out.splitlines()
+    assert (status, err, len(lines)) == (0, "", 3)
+    assert lines[0] == "vigilo-exporter listening on 127.0.0.1:%d" % running.port
+    assert lines[2] == "vigilo-exporter stopped"
+    if under == "prlimit":
+        assert stopped < 1 * SCALE
+        assert lines[1] == ("vigilo-exporter keeps up to 1232 idle connections to engines "
+                            "(open file limit 2048)")
+    for s in waiting:
+        s.close()
+
+
+def test_refuses_a_bad_command_line(run):
+    status, out, err = run([program("exporter"), "--probe.timeout", "0"])
+    assert (status, out) == (2, "")
+    assert err.startswith("vigilo-exporter: bad value for --probe.timeout: 0\n\nUsage:")
+
+
+def memory_kib(pid, field):
+    with open("/proc/%d/status" % pid) as status:
+        for line in status:
+            if line.startswith(field + ":"):
+                return int(line.split()[1])
+
+
+@pytest.mark.skipif(SCALE > 1, reason="a sanitizer's allocator keeps what is freed for a while")
+def test_large_answers_are_not_kept(exporter, scripted_engine):
+    """Eight engines answer 8 MiB at once, then little: the exporter's peak stays within four times
+    the answers in flight, and afterwards its kept connections hold 100 KiB each at most."""
+    large = status_reply([("numProcessed", "1"), ("user-big", "x" * (8 << 20))])
+    engines = [scripted_engine(lambda path, n: http_reply(200, "OK", "pong") if path == "/ping"
+                               else large if n == 1 else status_reply([]))
+               for _ in range(8)]
+    running = exporter()
+    start = memory_kib(running.pid, "VmRSS")
+    with ThreadPoolExecutor(8) as scrapers:
+        answers = list(scrapers.map(
+            lambda e: get(running.port, "/probe?target=127.0.0.1:%d" % e.port)[2], engines))
+    assert all("\norvex_up 1\n" in a for a in answers)
+    assert memory_kib(running.pid, "VmHWM") - start <= 8 * 4 * 8 * 1024
+    assert memory_kib(running.pid, "VmRSS") - start <= 8 * 100 + 4 * 1024
