@@ -6,6 +6,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -21,7 +22,18 @@ struct answer {
   bool done = false;
   int status = ARES_SUCCESS;
   std::vector<std::string> addresses;
+  std::map<ares_socket_t, short> sockets;  // what the channel waits for on each of its sockets
 };
+
+void socketState(void* data, ares_socket_t fd, int readable, int writable) {
+  auto& sockets = static_cast<answer*>(data)->sockets;
+  const short events = static_cast<short>((readable ? POLLIN : 0) | (writable ? POLLOUT : 0));
+  if (events == 0) {
+    sockets.erase(fd);
+  } else {
+    sockets[fd] = events;
+  }
+}
 
 void answered(void* arg, int status, int /*timeouts*/, ares_addrinfo* result) {
   auto* into = static_cast<answer*>(arg);
@@ -59,7 +71,11 @@ lookup_result name_lookup::resolve(const std::string& host, clock_type::time_poi
   if (numeric(host)) return {{host}, ""};
   answer result;  // outlives the channel, whose end may still call back
   ares_channel raw = nullptr;
-  if (const int status = ares_init(&raw); status != ARES_SUCCESS) {
+  ares_options options{};
+  options.sock_state_cb = socketState;
+  options.sock_state_cb_data = &result;
+  if (const int status = ares_init_options(&raw, &options, ARES_OPT_SOCK_STATE_CB);
+      status != ARES_SUCCESS) {
     return {{}, std::string("resolver: ") + ares_strerror(status)};
   }
   const std::unique_ptr<ares_channeldata, void (*)(ares_channel)> channel(raw, ares_destroy);
@@ -75,14 +91,8 @@ lookup_result name_lookup::resolve(const std::string& host, clock_type::time_poi
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
     if (left.count() <= 0) return {{}, "no answer in time"};
     if (abandon.load(std::memory_order_relaxed)) return {{}, "abandoned"};
-    ares_socket_t sockets[ARES_GETSOCK_MAXNUM];
-    const int wanted = ares_getsock(raw, sockets, ARES_GETSOCK_MAXNUM);
     std::vector<pollfd> fds;
-    for (int i = 0; i < ARES_GETSOCK_MAXNUM; ++i) {
-      const short events = static_cast<short>((ARES_GETSOCK_READABLE(wanted, i) ? POLLIN : 0) |
-                                              (ARES_GETSOCK_WRITABLE(wanted, i) ? POLLOUT : 0));
-      if (events != 0) fds.push_back({sockets[i], events, 0});
-    }
+    for (const auto& [fd, events] : result.sockets) fds.push_back({fd, events, 0});
     timeval longest{0, abandonCheckMs * 1000};
     timeval next{};
     const timeval* until = ares_timeout(raw, &longest, &next);

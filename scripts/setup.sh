@@ -5,7 +5,7 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++ clang-14 libclang-rt-14-dev llvm-14 clang-format
+  cmake ninja-build g++ clang libclang-rt-dev llvm clang-format
   libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libboost-dev libsimdjson-dev libc-ares-dev
   pkg-config git python3 python3-pytest valgrind curl procps

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <initializer_list>
 
 namespace com::orvex {
 
