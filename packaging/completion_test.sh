@@ -13,7 +13,8 @@ PATH="$1:$plots:$PATH"
 failures=0
 
 # The words of a command line, the last one being completed, split where bash splits them (at
-# "=", which then stands next to its neighbours on the line): prints the offers, one a line.
+# "=", which then stands next to its neighbours on the line): prints the offers, one a line, each
+# once, however often /etc/hosts names a host.
 offers() {
     COMP_WORDS=("$@")
     COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
@@ -23,7 +24,7 @@ offers() {
     local function
     function=$(complete -p "$1" | sed 's/.*-F \([^ ]*\).*/\1/')
     "$function" "$1" "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"
-    printf '%s\n' "${COMPREPLY[@]}" | sort
+    printf '%s\n' "${COMPREPLY[@]}" | sort -u
 }
 
 expect() {

