@@ -2,7 +2,10 @@
 // events at a stated rate, and the highest generated event rate that the engine keeps up with
 // (processed events follow the rate and the queues stay short). Prints one table.
 //
-//   build/bin/engine_bench [seconds per step]
+//   build/bin/engine_bench [seconds per step] [--baseline=OTHER_OVENGINE]
+//
+// With --baseline, the status requests are measured of that ovengine too, in turns with this
+// build's, and printed beside them with their ratio.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -23,8 +26,8 @@ struct engine_run {
   vigilo::test_support::engine_process engine;
   EngineManagement* connection;
 
-  explicit engine_run(double load)
-      : engine(OVENGINE_BINARY, {"--load", std::to_string(load)}),
+  explicit engine_run(double load, const std::string& binary = OVENGINE_BINARY)
+      : engine(binary, {"--load", std::to_string(load)}),
         connection(connectToEngineMonitorOnly("127.0.0.1", engine.port(), nullptr)) {}
   ~engine_run() { disconnectFromEngine(connection); }
 
@@ -35,8 +38,8 @@ struct engine_run {
   }
 };
 
-double statusRequestsPerSecond(double load, double seconds) {
-  engine_run run(load);
+double statusRequestsPerSecond(double load, double seconds, const std::string& binary) {
+  engine_run run(load, binary);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));  // let the load settle
   const auto start = clock_type::now();
   const auto end = start + std::chrono::duration<double>(seconds);
@@ -64,12 +67,31 @@ std::pair<double, bool> sustained(double load, double seconds) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const double seconds = argc > 1 ? std::atof(argv[1]) : 2.0;
+  double seconds = 2.0;
+  std::string baseline;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.rfind("--baseline=", 0) == 0) {
+      baseline = arg.substr(11);
+    } else {
+      seconds = std::atof(argv[i]);
+    }
+  }
   engineInit("engine_bench");
-  std::printf("%-34s %14s\n", "status requests, one poller", "requests/s");
+  std::printf("%-34s %14s", "status requests, one poller", "requests/s");
+  if (!baseline.empty()) std::printf(" %14s %8s", "baseline", "ratio");
+  std::printf("\n");
   for (const double load : {0.0, 10000.0, 100000.0}) {
-    std::printf("  while ingesting %9.0f ev/s  %14.0f\n", load,
-                statusRequestsPerSecond(load, seconds));
+    // In turns, so that both meet the machine in the same state.
+    double ours = 0, theirs = 0;
+    const int turns = baseline.empty() ? 1 : 3;
+    for (int turn = 0; turn < turns; ++turn) {
+      ours += statusRequestsPerSecond(load, seconds, OVENGINE_BINARY) / turns;
+      if (!baseline.empty()) theirs += statusRequestsPerSecond(load, seconds, baseline) / turns;
+    }
+    std::printf("  while ingesting %9.0f ev/s  %14.0f", load, ours);
+    if (!baseline.empty()) std::printf(" %14.0f %8.2f", theirs, ours / theirs);
+    std::printf("\n");
   }
   std::printf("\n%-20s %16s %10s\n", "generated ev/s", "processed ev/s", "keeps up");
   double best = 0;

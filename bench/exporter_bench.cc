@@ -3,7 +3,10 @@
 // its probes per second and CPU per probe are printed beside the cost of running `vigilo -o` once
 // per engine, the way a fleet would be watched without the exporter.
 //
-//   build/bin/exporter_bench [N ...]      (default: 10 100 1000)
+//   build/bin/exporter_bench [N ...] [--baseline=OTHER_EXPORTER]      (default N: 10 100 1000)
+//
+// With --baseline, another vigilo-exporter (an earlier build, say) is probed in the same rounds,
+// its rows printed under this build's.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
@@ -183,33 +186,62 @@ round_figures probeAll(const fleet& engines, scrapers& clients, pid_t exporter) 
 // two seconds of probes, and one of new connections is shown only when it spans 20 ticks.
 constexpr double secondsPerFigure = 2;
 
-void print(int n, const char* round, const round_figures& f, double onceMs) {
+void print(int n, const std::string& round, const round_figures& f, double onceMs) {
   if (f.cpu < 0.2) {
-    std::printf("%6d  %-8s %8.0f %10.0f %14s\n", n, round, f.probes, f.probes / f.seconds,
+    std::printf("%6d  %-19s %8.0f %10.0f %14s\n", n, round.c_str(), f.probes, f.probes / f.seconds,
                 "(too few ticks)");
     return;
   }
   const double cpuMs = f.cpu * 1000 / f.probes;
-  std::printf("%6d  %-8s %8.0f %10.0f %14.3f %9.1fx %16.0f%s\n", n, round, f.probes,
+  std::printf("%6d  %-19s %8.0f %10.0f %14.3f %9.1fx %16.0f%s\n", n, round.c_str(), f.probes,
               f.probes / f.seconds, cpuMs, onceMs / cpuMs, 15000 / cpuMs,
               f.failed == 0 ? "" : ("  (" + std::to_string(f.failed) + " failed)").c_str());
 }
+
+// An exporter as the fleet meets it, and one whose open-file limit leaves it no idle
+// connection, so that every probe connects anew; each with its scrapers.
+struct exporter_pair {
+  exporter_pair(const std::string& binary, const std::string& name, int clientCount)
+      : name(name),
+        kept({binary, "--web.listen-address=127.0.0.1:0"}, "vigilo-exporter"),
+        withoutIdle({"/usr/bin/prlimit", "--nofile=400:400", "--", binary,
+                     "--web.listen-address=127.0.0.1:0"},
+                    "vigilo-exporter") {
+    for (int c = 0; c < clientCount; ++c) {
+      keptClients.push_back(std::make_unique<scraper>(
+          "127.0.0.1", kept.port(), com::orvex::engine::EngineLimits{}, "exporter_bench"));
+      newClients.push_back(std::make_unique<scraper>(
+          "127.0.0.1", withoutIdle.port(), com::orvex::engine::EngineLimits{}, "exporter_bench"));
+    }
+  }
+  const std::string name;
+  vigilo::test_support::server_process kept;
+  vigilo::test_support::server_process withoutIdle;
+  scrapers keptClients;
+  scrapers newClients;
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
   std::vector<int> sizes;
-  for (int i = 1; i < argc; ++i) sizes.push_back(std::atoi(argv[i]));
+  std::string baseline;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.rfind("--baseline=", 0) == 0) {
+      baseline = arg.substr(11);
+    } else {
+      sizes.push_back(std::atoi(argv[i]));
+    }
+  }
   if (sizes.empty()) sizes = {10, 100, 1000};
   const int clientCount = 8;
 
-  vigilo::test_support::server_process exporter(
-      {EXPORTER_BINARY, "--web.listen-address=127.0.0.1:0"}, "vigilo-exporter");
-  // An exporter whose open-file limit leaves it no idle connection: every probe connects anew.
-  vigilo::test_support::server_process withoutIdle(
-      {"/usr/bin/prlimit", "--nofile=400:400", "--", EXPORTER_BINARY,
-       "--web.listen-address=127.0.0.1:0"},
-      "vigilo-exporter");
+  std::vector<std::unique_ptr<exporter_pair>> exporters;
+  exporters.push_back(std::make_unique<exporter_pair>(EXPORTER_BINARY, "", clientCount));
+  if (!baseline.empty()) {
+    exporters.push_back(std::make_unique<exporter_pair>(baseline, " (baseline)", clientCount));
+  }
 
   // One vigilo -o per engine: a process started, connected, fetched and ended each time.
   fleet one(1);
@@ -225,34 +257,30 @@ int main(int argc, char** argv) {
 
   std::printf("vigilo -o once per engine: %.2f ms CPU, %.2f ms wall each (%d runs)\n\n", onceMs,
               onceWallMs, runs);
-  const auto scrapersOf = [clientCount](const vigilo::test_support::server_process& server) {
-    scrapers clients;
-    for (int c = 0; c < clientCount; ++c) {
-      clients.push_back(std::make_unique<scraper>(
-          "127.0.0.1", server.port(), com::orvex::engine::EngineLimits{}, "exporter_bench"));
-    }
-    return clients;
-  };
-  scrapers clients = scrapersOf(exporter);
-  scrapers newClients = scrapersOf(withoutIdle);
-  std::printf("%6s  %-8s %8s %10s %14s %10s %16s\n", "N", "round", "probes", "probes/s",
+  std::printf("%6s  %-19s %8s %10s %14s %10s %16s\n", "N", "round", "probes", "probes/s",
               "CPU ms/probe", "vs -o", "engines/core@15s");
   for (const int n : sizes) {
-    // A new fleet makes the exporter connect to every engine once; probing it again finds every
+    // A new fleet makes an exporter connect to every engine once; probing it again finds every
     // connection kept.
     const auto engines = std::make_unique<fleet>(n);
-    const round_figures connecting = probeAll(*engines, clients, exporter.pid());
-    print(n, "connect", connecting, onceMs);
-    round_figures kept;
-    while (kept.seconds < secondsPerFigure) {
-      kept.add(probeAll(*engines, clients, exporter.pid()));
+    for (const auto& e : exporters) {
+      print(n, "connect" + e->name, probeAll(*engines, e->keptClients, e->kept.pid()), onceMs);
     }
-    print(n, "kept", kept, onceMs);
-    round_figures anew;
-    while (anew.seconds < secondsPerFigure) {
-      anew.add(probeAll(*engines, newClients, withoutIdle.pid()));
+    // The rounds of the exporters take turns, so that both meet the machine in the same state.
+    for (const char* round : {"kept", "new"}) {
+      std::vector<round_figures> figures(exporters.size());
+      while (figures.back().seconds < secondsPerFigure) {
+        for (std::size_t i = 0; i < exporters.size(); ++i) {
+          exporter_pair& e = *exporters[i];
+          const bool kept = round == std::string("kept");
+          figures[i].add(probeAll(*engines, kept ? e.keptClients : e.newClients,
+                                  kept ? e.kept.pid() : e.withoutIdle.pid()));
+        }
+      }
+      for (std::size_t i = 0; i < exporters.size(); ++i) {
+        print(n, round + exporters[i]->name, figures[i], onceMs);
+      }
     }
-    print(n, "new", anew, onceMs);
   }
   std::printf("\n(%d scrapers at once; \"new\": an exporter that keeps no idle connection)\n",
               clientCount);
