@@ -13,9 +13,9 @@
 #include <string>
 #include <thread>
 
+#include "bench_process.h"
 #include "ovclient/engine_client.h"
 #include "status/EngineStatus.h"
-#include "testing/process.h"
 
 namespace {
 
@@ -23,7 +23,7 @@ using namespace com::orvex::engine;
 using clock_type = std::chrono::steady_clock;
 
 struct engine_run {
-  vigilo::test_support::engine_process engine;
+  vigilo::bench::engine_process engine;
   EngineManagement* connection;
 
   explicit engine_run(double load, const std::string& binary = OVENGINE_BINARY)

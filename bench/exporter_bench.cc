@@ -26,10 +26,10 @@
 #include <thread>
 #include <vector>
 
+#include "bench_process.h"
 #include "http_connection.h"
 #include "status/status_catalogue.h"
 #include "testing/fake_engine.h"
-#include "testing/process.h"
 
 namespace {
 
@@ -215,8 +215,8 @@ struct exporter_pair {
     }
   }
   const std::string name;
-  vigilo::test_support::server_process kept;
-  vigilo::test_support::server_process withoutIdle;
+  vigilo::bench::server_process kept;
+  vigilo::bench::server_process withoutIdle;
   scrapers keptClients;
   scrapers newClients;
 };
@@ -249,7 +249,7 @@ int main(int argc, char** argv) {
   const double childrenBefore = childrenCpuSeconds();
   const auto start = clock_type::now();
   for (int i = 0; i < runs; ++i) {
-    vigilo::test_support::runProcess({VIGILO_BINARY, "-p", std::to_string(one.ports[0]), "-o"});
+    vigilo::bench::runProcess({VIGILO_BINARY, "-p", std::to_string(one.ports[0]), "-o"});
   }
   const double onceMs = (childrenCpuSeconds() - childrenBefore) * 1000 / runs;
   const double onceWallMs =

@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "testing/process.h"
+#include "bench_process.h"
 
 namespace {
 
@@ -56,7 +56,7 @@ void print(const char* name, const sample& early, const sample& late) {
 int main(int argc, char** argv) {
   using namespace std::chrono;
   const double seconds = argc > 1 ? std::atof(argv[1]) : 60;
-  vigilo::test_support::engine_process engine(OVENGINE_BINARY, {"--load", "100000"});
+  vigilo::bench::engine_process engine(OVENGINE_BINARY, {"--load", "100000"});
 
   // vigilo writes into a FIFO that this program drains and counts, so that a long run costs no
   // memory here.
@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
     }
     close(fd);
   });
-  vigilo::test_support::child_process watch(vigilo::test_support::redirected(
+  vigilo::bench::child_process watch(vigilo::bench::redirected(
       ">" + fifo, {VIGILO_BINARY, "-n", "127.0.0.1", "-p", std::to_string(engine.port()), "-r",
                    "-a", "-i", "0"}));
 

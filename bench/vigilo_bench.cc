@@ -24,14 +24,14 @@
 #include <thread>
 #include <vector>
 
-#include "testing/process.h"
+#include "bench_process.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using vigilo::test_support::child_process;
-using vigilo::test_support::run_result;
-using vigilo::test_support::runProcess;
+using vigilo::bench::child_process;
+using vigilo::bench::run_result;
+using vigilo::bench::runProcess;
 using clock_type = std::chrono::steady_clock;
 
 double secondsSince(clock_type::time_point start) {
@@ -96,7 +96,7 @@ double linesPerSecond(const std::vector<std::string>& argv, double seconds) {
     std::ifstream file(path);
     return std::count(std::istreambuf_iterator<char>(file), {}, '\n');
   };
-  child_process polling(vigilo::test_support::redirected(">" + path, argv));
+  child_process polling(vigilo::bench::redirected(">" + path, argv));
   while (lines() == 0) std::this_thread::sleep_for(1ms);
   const auto before = lines();
   const auto start = clock_type::now();
@@ -139,8 +139,8 @@ double instructionsPerPoll(const std::vector<std::string>& argv) {
 
 int main(int argc, char** argv) {
   const double seconds = argc > 1 ? std::atof(argv[1]) : 2.0;
-  vigilo::test_support::engine_process engine(OVENGINE_BINARY,
-                                              {"--load", "10000", "--user-status", "region=emea"});
+  vigilo::bench::engine_process engine(OVENGINE_BINARY,
+                                       {"--load", "10000", "--user-status", "region=emea"});
   const int port = engine.port();
   const std::string portText = std::to_string(port);
   const std::vector<std::string> vigilo = {VIGILO_BINARY, "-n", "127.0.0.1", "-p", portText};

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "exporter_routes.h"
-#include "testing/process.h"
+#include "testing/argument_vector.h"
 
 namespace exporter {
 namespace {

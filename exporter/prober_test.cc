@@ -11,7 +11,6 @@
 #include <regex>
 
 #include "testing/fake_engine.h"
-#include "testing/process.h"
 
 namespace exporter {
 namespace {

@@ -13,7 +13,7 @@
 #include "exporter_options.h"
 #include "exporter_routes.h"
 #include "targets.h"
-#include "testing/process.h"
+#include "testing/argument_vector.h"
 
 namespace {
 

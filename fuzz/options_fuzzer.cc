@@ -12,7 +12,7 @@
 #include "front/options.h"
 #include "front/settings.h"
 #include "front/usage.h"
-#include "testing/process.h"
+#include "testing/argument_vector.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::vector<std::string> args = {"vigilo"};

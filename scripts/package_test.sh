@@ -68,10 +68,10 @@ cat "$root/var/log/vigilo/old.csv"
 systemd-tmpfiles --clean --root="$root" vigilo.conf
 [ "$(ls "$root/var/log/vigilo")" = new.csv ] || fail "clean-up left: $(ls "$root/var/log/vigilo")"
 
-for tracking in 0 1; do
-  VIGILO_UNDER_TEST="$root/usr/bin/vigilo" ORVEX_MEMORY_TRACKING=$tracking \
-    build/bin/vigilo_e2e_tests --gtest_brief=1 >&2 || fail "end-to-end tests, tracking $tracking"
-done
+VIGILO_BINARY="$root/usr/bin/vigilo" OVENGINE_BINARY="$root/usr/bin/ovengine" \
+  EXPORTER_BINARY="$root/usr/bin/vigilo-exporter" PYTHONDONTWRITEBYTECODE=1 \
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider -p testing.programs \
+  src/front/vigilo_e2e_test.py >&2 || fail "the end-to-end tests of the installed vigilo"
 
 # Install, an upgrade over an edited conffile, remove and purge, on this machine; systemd need not
 # be running. Nothing is enabled until the operator enables it, and purge forgets what was.

@@ -111,4 +111,22 @@ void fake_engine::serve(int fd) {
   close(fd);
 }
 
+int loopbackSocket(int type, unsigned short& port) {
+  const int fd = socket(AF_INET, type, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  port = ntohs(address.sin_port);
+  return fd;
+}
+
+unsigned short closedLoopbackPort() {
+  unsigned short port = 0;
+  close(loopbackSocket(SOCK_STREAM, port));
+  return port;
+}
+
 }  // namespace vigilo::test_support

@@ -59,6 +59,12 @@ class fake_engine {
   std::thread acceptor;
 };
 
+// A port of 127.0.0.1 that was free a moment ago, so that a connection to it is refused.
+unsigned short closedLoopbackPort();
+
+// A socket of `type` (SOCK_STREAM, SOCK_DGRAM) bound to a free port of 127.0.0.1, given in `port`.
+int loopbackSocket(int type, unsigned short& port);
+
 }  // namespace vigilo::test_support
 
 #endif  // VIGILO_TESTING_FAKE_ENGINE_H_

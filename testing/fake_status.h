@@ -28,7 +28,6 @@ struct fake_status_script {
 fake_status_script scriptOf(const text_pairs& pairs);
 
 struct fake_status_log {
-  int lookups = 0;
   int pairSteps = 0;
   int deletes = 0;
   std::vector<std::uintptr_t> freedIterations;

@@ -1,7 +1,8 @@
 """The fixtures of the program-level suite (a pytest plugin: `-p testing.programs`).
 
 The programs are one build's, named by the environment (VIGILO_BINARY, OVENGINE_BINARY,
-EXPORTER_BINARY); VIGILO_TIME_SCALE widens every time bound for the slower sanitizer builds, and
+EXPORTER_BINARY); VIGILO_SANITIZE names the sanitizers of the build, VIGILO_TIME_SCALE widens every time bound for
+the slower sanitizer builds, and
 VIGILO_VALGRIND, where set, names the valgrind that runs the programs that tests ask it for.
 Every wait has a bound, nothing sleeps on a guess, and no process outlives its test."""
 
@@ -20,6 +21,7 @@ import pytest
 SCALE = int(os.environ.get("VIGILO_TIME_SCALE", "1"))
 BOUND = 20 * SCALE  # seconds: what a test waits at most for anything that should come at once
 VALGRIND = os.environ.get("VIGILO_VALGRIND")
+SANITIZED = os.environ.get("VIGILO_SANITIZE", "") != ""
 
 
 def program(name):
@@ -35,17 +37,20 @@ def under_valgrind(argv):
 
 
 class Process:
-    """A started program, its standard output and error on pipes, read as they come."""
+    """A started program, its standard output and error on pipes, read as they come. A program
+    that talks a lot and is not listened to is given stderr=subprocess.DEVNULL."""
 
     def __init__(self, argv, stdin=subprocess.DEVNULL, **options):
-        self.process = subprocess.Popen(argv, stdin=stdin, stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, **options)
+        options.setdefault("stdout", subprocess.PIPE)
+        options.setdefault("stderr", subprocess.PIPE)
+        self.process = subprocess.Popen(argv, stdin=stdin, **options)
         self.pid = self.process.pid
         self.out, self.err = b"", b""
         self.selector = selectors.DefaultSelector()
         for pipe in (self.process.stdout, self.process.stderr):
-            os.set_blocking(pipe.fileno(), False)
-            self.selector.register(pipe, selectors.EVENT_READ)
+            if pipe is not None:
+                os.set_blocking(pipe.fileno(), False)
+                self.selector.register(pipe, selectors.EVENT_READ)
 
     def _read(self, timeout):
         """Takes what the pipes hold after at most `timeout` seconds; False once both ended."""

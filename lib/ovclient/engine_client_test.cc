@@ -13,7 +13,6 @@
 #include "ovcommon/EngineException.h"
 #include "testing/fake_engine.h"
 #include "testing/fake_status.h"
-#include "testing/process.h"
 
 namespace com::orvex::engine {
 namespace {

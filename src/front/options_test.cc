@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "front/settings.h"
-#include "testing/process.h"
+#include "testing/argument_vector.h"
 
 namespace vigilo {
 namespace {

@@ -1,12 +1,10 @@
-#include "testing/process.h"
+#include "bench_process.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,12 +15,7 @@
 
 extern char** environ;
 
-namespace vigilo::test_support {
-
-argument_vector::argument_vector(std::vector<std::string> texts) : texts(std::move(texts)) {
-  for (std::string& text : this->texts) pointers.push_back(text.data());
-  pointers.push_back(nullptr);
-}
+namespace vigilo::bench {
 
 child_process::child_process(const std::vector<std::string>& argv) {
   int outPipe[2] = {-1, -1}, errPipe[2] = {-1, -1};
@@ -43,8 +36,10 @@ child_process::child_process(const std::vector<std::string>& argv) {
   posix_spawnattr_setsigdefault(&attr, &all);
   posix_spawnattr_setsigmask(&attr, &none);
   posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-  argument_vector args(argv);
-  const int rc = posix_spawn(&child, argv[0].c_str(), &actions, &attr, args.argv(), environ);
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  const int rc = posix_spawn(&child, argv[0].c_str(), &actions, &attr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   close(outPipe[1]);
@@ -167,22 +162,4 @@ engine_process::engine_process(const std::string& binary, const std::vector<std:
           }(),
           "ovengine") {}
 
-int loopbackSocket(int type, unsigned short& port) {
-  const int fd = socket(AF_INET, type, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  bind(fd, reinterpret_cast<sockaddr*>(&address), length);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  port = ntohs(address.sin_port);
-  return fd;
-}
-
-unsigned short closedLoopbackPort() {
-  unsigned short port = 0;
-  close(loopbackSocket(SOCK_STREAM, port));
-  return port;
-}
-
-}  // namespace vigilo::test_support
+}  // namespace vigilo::bench

@@ -1,8 +1,7 @@
-// Test support: real programs run as child processes, their standard output and error on pipes,
-// so that tests compare whole outputs and exit statuses, wait for output with a bound instead of
-// sleeping, and send real signals.
-#ifndef VIGILO_TESTING_PROCESS_H_
-#define VIGILO_TESTING_PROCESS_H_
+// The programs a benchmark measures, run as child processes with their standard output and error
+// on pipes: waits for output have a bound, and no child outlives its object.
+#ifndef VIGILO_BENCH_BENCH_PROCESS_H_
+#define VIGILO_BENCH_BENCH_PROCESS_H_
 
 #include <sys/types.h>
 
@@ -11,22 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace vigilo::test_support {
-
-// An argument vector for code that takes (argc, argv): owns its texts, which stay in place while
-// it lives (settings may point into them); argv() ends with a null pointer.
-class argument_vector {
- public:
-  explicit argument_vector(std::vector<std::string> texts);
-  argument_vector(const argument_vector&) = delete;
-  argument_vector& operator=(const argument_vector&) = delete;
-  int argc() const { return static_cast<int>(texts.size()); }
-  char** argv() { return pointers.data(); }
-
- private:
-  std::vector<std::string> texts;
-  std::vector<char*> pointers;
-};
+namespace vigilo::bench {
 
 struct run_result {
   std::string out;
@@ -98,12 +82,6 @@ class engine_process : public server_process {
   explicit engine_process(const std::string& binary, const std::vector<std::string>& extra = {});
 };
 
-// A port of 127.0.0.1 that was free a moment ago, so that a connection to it is refused.
-unsigned short closedLoopbackPort();
+}  // namespace vigilo::bench
 
-// A socket of `type` (SOCK_STREAM, SOCK_DGRAM) bound to a free port of 127.0.0.1, given in `port`.
-int loopbackSocket(int type, unsigned short& port);
-
-}  // namespace vigilo::test_support
-
-#endif  // VIGILO_TESTING_PROCESS_H_
+#endif  // VIGILO_BENCH_BENCH_PROCESS_H_
