@@ -200,6 +200,12 @@ void print(int n, const std::string& round, const round_figures& f, double onceM
 
 // An exporter as the fleet meets it, and one whose open-file limit leaves it no idle
 // connection, so that every probe connects anew; each with its scrapers.
+std::unique_ptr<scraper> scraperOf(unsigned short port) {
+  return std::make_unique<scraper>("127.0.0.1:" + std::to_string(port),
+                                   std::vector{*ovnet::address::parse("127.0.0.1", port)},
+                                   com::orvex::client::connection_limits{}, "exporter_bench");
+}
+
 struct exporter_pair {
   exporter_pair(const std::string& binary, const std::string& name, int clientCount)
       : name(name),
@@ -208,10 +214,8 @@ struct exporter_pair {
                      "--web.listen-address=127.0.0.1:0"},
                     "vigilo-exporter") {
     for (int c = 0; c < clientCount; ++c) {
-      keptClients.push_back(std::make_unique<scraper>(
-          "127.0.0.1", kept.port(), com::orvex::engine::EngineLimits{}, "exporter_bench"));
-      newClients.push_back(std::make_unique<scraper>(
-          "127.0.0.1", withoutIdle.port(), com::orvex::engine::EngineLimits{}, "exporter_bench"));
+      keptClients.push_back(scraperOf(kept.port()));
+      newClients.push_back(scraperOf(withoutIdle.port()));
     }
   }
   const std::string name;

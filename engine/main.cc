@@ -5,6 +5,7 @@
 #include <iostream>
 #include <thread>
 
+#include "endpoint.h"
 #include "engine_options.h"
 #include "event_engine.h"
 #include "http_api.h"
@@ -70,8 +71,9 @@ int main(int argc, char** argv) {
   std::string why;
   const int port = server.bindTo(options.bind, options.port, why);
   if (port == 0) {
-    std::cerr << "ovengine: cannot listen on " << options.bind << ":" << options.port << ": " << why
-              << "\n";
+    std::cerr << "ovengine: cannot listen on "
+              << ovnet::host_port{options.bind, static_cast<unsigned short>(options.port)}.text()
+              << ": " << why << "\n";
     return 1;
   }
   ovengine::installRoutes(server, engine, port);
@@ -84,7 +86,9 @@ int main(int argc, char** argv) {
                        std::ref(loadMutex));
   }
 
-  std::cout << "ovengine listening on " << options.bind << ":" << port << std::endl;
+  std::cout << "ovengine listening on "
+            << ovnet::host_port{options.bind, static_cast<unsigned short>(port)}.text()
+            << std::endl;
   const bool served = ovhttp::serveUntilStopSignal(server);
 
   {

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "ovcommon/EngineException.h"
-
 namespace exporter {
 
 connection_pool::connection_pool(std::size_t descriptors, std::size_t maxIdle,
@@ -20,61 +18,46 @@ connection_pool::~connection_pool() {
   }
   stopping.notify_all();
   janitor.join();
-  for (const idle_connection& entry : idle) close(entry.connection);
 }
 
 bool connection_pool::startProbe() {
-  std::vector<EngineManagement*> unwanted;
-  bool started = false;
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    while (idle.size() + (probes + 1) * perProbe > descriptors && !idle.empty()) {
-      unwanted.push_back(removeOldest());
-    }
-    started = idle.size() + (probes + 1) * perProbe <= descriptors;
-    probes += started;
+  std::vector<connection> unwanted;  // closed once the lock is let go
+  std::lock_guard<std::mutex> lock(mutex);
+  while (idle.size() + (probes + 1) * perProbe > descriptors && !idle.empty()) {
+    unwanted.push_back(removeOldest());
   }
-  for (EngineManagement* connection : unwanted) close(connection);
+  const bool started = idle.size() + (probes + 1) * perProbe <= descriptors;
+  probes += started;
   return started;
 }
 
-EngineManagement* connection_pool::take(const std::string& target) {
+connection connection_pool::take(const std::string& target) {
   std::lock_guard<std::mutex> lock(mutex);
   const auto found = byTarget.find(target);
   if (found == byTarget.end()) return nullptr;
-  EngineManagement* connection = found->second->connection;
+  connection taken = std::move(found->second->kept);
   idle.erase(found->second);
   byTarget.erase(found);
-  return connection;
+  return taken;
 }
 
-void connection_pool::endProbe(const std::string& target, EngineManagement* connection) {
-  EngineManagement* unwanted = connection;
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    --probes;
-    if (connection != nullptr && maxIdle > 0 && !byTarget.contains(target)) {
-      unwanted = idle.size() == maxIdle ? removeOldest() : nullptr;
-      byTarget[target] = idle.insert(idle.end(), {target, connection, clock_type::now()});
-    }
+void connection_pool::endProbe(const std::string& target, connection kept) {
+  connection unwanted;
+  std::lock_guard<std::mutex> lock(mutex);
+  --probes;
+  if (kept == nullptr || maxIdle == 0 || byTarget.contains(target)) {
+    unwanted = std::move(kept);
+  } else {
+    if (idle.size() == maxIdle) unwanted = removeOldest();
+    byTarget[target] = idle.insert(idle.end(), {target, std::move(kept), ovnet::clock_type::now()});
   }
-  close(unwanted);
 }
 
-EngineManagement* connection_pool::removeOldest() {
-  EngineManagement* connection = idle.front().connection;
+connection connection_pool::removeOldest() {
+  connection oldest = std::move(idle.front().kept);
   byTarget.erase(idle.front().target);
   idle.pop_front();
-  return connection;
-}
-
-void connection_pool::close(EngineManagement* connection) {
-  if (connection == nullptr) return;
-  try {
-    com::orvex::engine::disconnectFromEngine(connection);
-  } catch (const com::orvex::EngineException&) {
-    // Closing is all that was wanted; there is nobody to tell.
-  }
+  return oldest;
 }
 
 std::size_t connection_pool::idleConnections() const {
@@ -86,11 +69,11 @@ void connection_pool::closeExpired() {
   std::unique_lock<std::mutex> lock(mutex);
   while (!stop) {
     stopping.wait_for(lock, std::min<std::chrono::milliseconds>(idleTime, std::chrono::seconds(1)));
-    std::vector<EngineManagement*> expired;
-    const auto now = clock_type::now();
+    std::vector<connection> expired;
+    const auto now = ovnet::clock_type::now();
     while (!idle.empty() && now - idle.front().since >= idleTime) expired.push_back(removeOldest());
     lock.unlock();
-    for (EngineManagement* connection : expired) close(connection);
+    expired.clear();
     lock.lock();
   }
 }

@@ -17,21 +17,21 @@
 #include <condition_variable>
 #include <cstddef>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
-#include "ovclient/engine_client.h"
+#include "engine_connection.h"
 
 namespace exporter {
 
-using com::orvex::engine::EngineManagement;
+using connection = std::unique_ptr<com::orvex::client::engine_connection>;
 
 class connection_pool {
  public:
-  using clock_type = std::chrono::steady_clock;
   static constexpr std::size_t perProbe = 2;
 
   // Engines may have `descriptors` in all; at most `maxIdle` idle connections are kept, each
@@ -44,25 +44,23 @@ class connection_pool {
   // Takes a probe's descriptors; false when probes in flight hold them all.
   bool startProbe();
   // The idle connection to `target`, now the probe's, or null.
-  EngineManagement* take(const std::string& target);
-  // Gives the probe's descriptors back, keeping `connection` (when not null) for the next probe
-  // of `target`; a second one to the same target is closed, and beyond `maxIdle` the longest
-  // idle goes.
-  void endProbe(const std::string& target, EngineManagement* connection);
-  // Closes a connection that failed or is not wanted.
-  static void close(EngineManagement* connection);
+  connection take(const std::string& target);
+  // Gives the probe's descriptors back, keeping `kept` (when not null) for the next probe of
+  // `target`; a second one to the same target is closed, and beyond `maxIdle` the longest idle
+  // goes.
+  void endProbe(const std::string& target, connection kept);
 
   std::size_t idleConnections() const;
 
  private:
   struct idle_connection {
     std::string target;
-    EngineManagement* connection;
-    clock_type::time_point since;
+    connection kept;
+    ovnet::clock_type::time_point since;
   };
   using idle_list = std::list<idle_connection>;
-  // Removes the longest idle connection, for the caller to close.
-  EngineManagement* removeOldest();
+  // Removes the longest idle connection, for the caller to close outside the lock.
+  connection removeOldest();
   void closeExpired();  // the janitor thread
 
   const std::size_t descriptors;

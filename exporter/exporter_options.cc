@@ -36,14 +36,12 @@ bool duration(std::string_view text, std::chrono::milliseconds& out) {
   return true;
 }
 
+// A port of 0 asks for any free one.
 bool listenAddress(const std::string& text, exporter_options& options) {
-  if (!text.empty() && text.back() == ':') return false;
-  // A port of 0 asks for any free one; parseTarget wants 1 to 65535.
-  const bool anyPort = text.size() > 2 && text.ends_with(":0");
-  const auto where = parseTarget(anyPort ? text.substr(0, text.size() - 1) + "1" : text);
-  if (!where) return false;
+  const auto where = ovnet::host_port::parse(text, /*anyPort=*/true);
+  if (!where || where->host.empty()) return false;
   options.listenHost = where->host;
-  options.listenPort = anyPort ? 0 : where->port;
+  options.listenPort = where->port;
   return true;
 }
 

@@ -1,12 +1,103 @@
+// The exporter's command line, and the targets and rules it reads.
 #include "exporter_options.h"
 
 #include <gtest/gtest.h>
 
 #include "exporter_routes.h"
+#include "targets.h"
 #include "testing/argument_vector.h"
 
 namespace exporter {
 namespace {
+
+// Every target as it is read: its host and port, or the reason it is refused, before any lookup.
+TEST(TargetsTest, ReadsAHostAndPortOrSaysWhyNot) {
+  const std::string form = "expected HOST:PORT",
+                    name =
+                        "a host is an address or a name of "
+                        "letters, digits, '-' and '_'",
+                    full = "write an address in full, such as 127.0.0.1 or [::1]",
+                    label = "a label of a name is 1 to 63 bytes, not beginning with '-'";
+  const std::string l63(63, 'a'), n253 = l63 + "." + l63 + "." + l63 + "." + std::string(61, 'a');
+  // clang-format off
+  const std::pair<std::string, std::string> cases[] = {
+      {"127.0.0.1:15903", "127.0.0.1 15903"}, {"[::1]:1", "::1 1"},
+      {"engine-3.example.org:65535", "engine-3.example.org 65535"},
+      {"Engine_3.Example.ORG.:9", "engine_3.example.org 9"}, {n253 + ":1", n253 + " 1"},
+      {"", form}, {"host", form}, {"host:", form}, {"host:0", form}, {"host:65536", form},
+      {"host:8x", form}, {"host:-1", form}, {"::1:80", form}, {"[::1]", form}, {"[]:80", form},
+      {"[::1:80", form}, {":80", "no host"}, {"[127.0.0.1]:1", "brackets hold an IPv6 address"},
+      {"a b:80", name}, {"a/b:80", name}, {"x@127.0.0.2:1", name}, {std::string("a\0b:80", 6), name},
+      {"a\x7f:80", name}, {"127.1:1", full}, {"2130706433:1", full}, {"0x7f000001:1", full},
+      {"0x7f.1:1", full}, {"0177.0.0.1:1", full}, {std::string(64, 'a') + ".invalid:1", label},
+      {"a..b:1", label}, {"a.-b:1", label}, {n253 + "a:1", "a name is at most 253 bytes"},
+  };
+  // clang-format on
+  for (const auto& [text, outcome] : cases) {
+    const target_parse t = parseTarget(text);
+    EXPECT_EQ(t.parsed ? t.parsed->host + " " + std::to_string(t.parsed->port) : t.why, outcome)
+        << text;
+  }
+}
+
+struct allow_case {
+  std::vector<std::string> rules;
+  std::string target;
+  bool allowed;
+};
+
+// A target is allowed when a name rule names it, or when its address lies in a range; a name that
+// no rule names is decided by the addresses a lookup finds, which the prober's tests hold.
+TEST(TargetsTest, AllowsOnlyWhatTheRulesName) {
+  const std::string label(63, 'e');
+  const std::string shout(63, 'E');
+  const allow_case cases[] = {
+      // Without rules, loopback only.
+      {{}, "127.0.0.1:15903", true},
+      {{}, "127.255.0.9:1", true},
+      {{}, "[::1]:1", true},
+      {{}, "10.0.0.1:15903", false},
+      {{}, "[::2]:1", false},
+      // Rules replace the default.
+      {{"10.0.0.0/8"}, "10.200.3.4:1", true},
+      {{"10.0.0.0/8"}, "11.0.0.1:1", false},
+      {{"10.0.0.0/8"}, "127.0.0.1:1", false},
+      {{"192.168.1.0/25"}, "192.168.1.127:1", true},
+      {{"192.168.1.0/25"}, "192.168.1.128:1", false},
+      {{"192.0.2.7"}, "192.0.2.7:1", true},
+      {{"192.0.2.7"}, "192.0.2.8:1", false},
+      {{"0.0.0.0/0"}, "203.0.113.1:1", true},
+      {{"2001:db8::/32"}, "[2001:db8:ffff::1]:1", true},
+      {{"2001:db8::/32"}, "[2001:db9::1]:1", false},
+      {{"2001:db8::/32"}, "32.1.13.184:1", false},  // the same leading bytes, another family
+      // A name is allowed as it is written, whatever its case or root dot, on any port or on the
+      // one named.
+      {{label + ".invalid"}, shout + ".invalid:9", true},
+      {{label + ".invalid."}, label + ".invalid.:9", true},
+      {{label + ".invalid"}, label + ".invalid.:9", true},
+      {{label + ".invalid:9"}, label + ".invalid:9", true},
+      {{label + ".invalid:9"}, label + ".invalid:10", false},
+      {{label + ".invalid"}, label + ".b.invalid:9", false},
+      {{}, "localhost:9", false},
+  };
+  for (const allow_case& c : cases) {
+    target_rules rules;
+    for (const std::string& rule : c.rules) ASSERT_TRUE(rules.add(rule)) << rule;
+    const target t = *parseTarget(c.target).parsed;
+    const auto address = ovnet::address::parse(t.host);
+    EXPECT_EQ(rules.named(t) || (address && rules.allowsAll({*address})), c.allowed) << c.target;
+  }
+  EXPECT_FALSE(target_rules().allowsAll({}));
+  EXPECT_FALSE(target_rules().allowsAll(
+      {*ovnet::address::parse("127.0.0.1"), *ovnet::address::parse("10.0.0.1")}));
+}
+
+TEST(TargetsTest, RefusesMalformedRules) {
+  for (const char* rule : {"", "10.0.0.0/33", "10.0.0.0/", "10.0.0.0/8x", "::1/129", "host/8",
+                           "-rf", "a b", "host:0", "host:80:80"}) {
+    EXPECT_FALSE(target_rules().add(rule)) << rule;
+  }
+}
 
 using std::chrono::milliseconds;
 
@@ -23,7 +114,9 @@ std::string parse(std::vector<std::string> args) {
   if (options.probeTimeout != milliseconds(10000)) {
     outcome += "timeout " + std::to_string(options.probeTimeout.count()) + ";";
   }
-  if (options.allowed.allowsAll({"10.1.1.1"})) outcome += "allows 10.1.1.1;";
+  if (options.allowed.allowsAll({*ovnet::address::parse("10.1.1.1")})) {
+    outcome += "allows 10.1.1.1;";
+  }
   if (options.help) outcome += "help;";
   if (options.version) outcome += "version;";
   return outcome;

@@ -49,10 +49,9 @@ void installRoutes(ovhttp::bounded_server& server, prober& probes,
   server.route("GET", "/probe", [&probes, probeTimeout](const request& req, response& res) {
     const std::optional<std::string> text = req.param("target");
     if (!text) return reply(res, 400, "no target: ask /probe?target=HOST:PORT");
-    const auto t = parseTarget(*text);
-    if (!t) {
-      return reply(res, 400, "bad target " + com::orvex::printable(*text) + ": expected HOST:PORT");
-    }
+    const target_parse t = parseTarget(*text);
+    if (!t.parsed)
+      return reply(res, 400, "bad target " + com::orvex::printable(*text) + ": " + t.why);
     const std::string debug = req.param("debug").value_or("");
     if (!debug.empty() && debug != "true" && debug != "false") {
       return reply(res, 400,
@@ -60,7 +59,7 @@ void installRoutes(ovhttp::bounded_server& server, prober& probes,
     }
     const auto limit =
         probeTimeLimit(probeTimeout, req.header("X-Prometheus-Scrape-Timeout-Seconds"));
-    prober::answer answer = probes.probe(*t, limit, debug == "true");
+    prober::answer answer = probes.probe(*t.parsed, limit, debug == "true");
     if (answer.status != 200) {
       if (answer.status == 503) res.headers.emplace_back("Retry-After", "1");
       return reply(res, answer.status, answer.body);

@@ -88,22 +88,23 @@ std::optional<double> timestamp(const std::string& text) {
   return static_cast<double>(timegm(&fields)) + fraction;
 }
 
-void appendUserValues(std::string& text, const com::orvex::engine::EngineStatus& status,
+void appendUserValues(std::string& text, const com::orvex::client::status_snapshot& status,
                       label_values& labels) {
   std::set<std::string> keys;  // a key the engine repeats is shown once, first value first
   std::uint64_t omitted = 0;
   std::string series;
-  com::orvex::engine::forEachUserPair(
-      status, [&](const std::string& key, const std::string& value) {
-        if (keys.size() == maxUserSeries) {
-          ++omitted;
-          return;
-        }
-        std::string shownKey = labels(key);
-        if (!keys.insert(shownKey).second) return;
-        series +=
-            "orvex_user_status_info{key=\"" + shownKey + "\",value=\"" + labels(value) + "\"} 1\n";
-      });
+  const com::orvex::client::pair_table& pairs = status.pairs();
+  for (std::size_t i = 0; i < pairs.size(); ++i) {
+    if (!com::orvex::engine::isUserKey(pairs.key(i))) continue;
+    if (keys.size() == maxUserSeries) {
+      ++omitted;
+      continue;
+    }
+    std::string shownKey = labels(pairs.key(i));
+    if (!keys.insert(shownKey).second) continue;
+    series += "orvex_user_status_info{key=\"" + shownKey + "\",value=\"" + labels(pairs.value(i)) +
+              "\"} 1\n";
+  }
   header(text, "orvex_user_status_info", "gauge", "Values set by the engine's users.");
   text += series;
   header(text, "orvex_user_status_omitted", "gauge",
@@ -177,7 +178,8 @@ std::string labelValue(const std::string& text) {
   return escaped;
 }
 
-std::size_t appendEngineMetrics(std::string& text, const com::orvex::engine::EngineStatus& status,
+std::size_t appendEngineMetrics(std::string& text,
+                                const com::orvex::client::status_snapshot& status,
                                 std::chrono::system_clock::time_point now) {
   static constexpr const status_key& uptimeRow = com::orvex::engine::catalogueRow("uptime");
   label_values labels;
@@ -187,14 +189,14 @@ std::size_t appendEngineMetrics(std::string& text, const com::orvex::engine::Eng
     // The engine counts durations in milliseconds; Prometheus's base unit is the second.
     const double scale = std::string_view(row.metric).ends_with("_seconds") ? 1000.0 : 1.0;
     if (row.metricType == metric_type::info) {
-      const char* value = status.getStatusString(row.key);
+      const char* value = status.find(row.key);
       header(text, row.metric, type, row.metricHelp);
       sample(text,
              std::string(row.metric) + "{" + row.metricLabel + "=\"" +
                  labels(value != nullptr ? value : "") + "\"}",
              std::uint64_t{1});
     } else if (row.kind == value_kind::text) {
-      const char* value = status.getStatusString(row.key);
+      const char* value = status.find(row.key);
       if (value == nullptr) continue;  // an engine that does not say
       const std::string shown = value;
       if (row.metricType == metric_type::timestamp && shown == "never") continue;
@@ -209,7 +211,7 @@ std::size_t appendEngineMetrics(std::string& text, const com::orvex::engine::Eng
       sample(text, row.metric, *parsed);
     } else {
       header(text, row.metric, type, row.metricHelp);
-      std::uint64_t value = status.getStatusInteger(row.key);
+      std::uint64_t value = status.number(row.key);
       if (row.kind == value_kind::u32) value = static_cast<std::uint32_t>(value);
       if (scale == 1.0) {
         sample(text, row.metric, value);
@@ -217,15 +219,14 @@ std::size_t appendEngineMetrics(std::string& text, const com::orvex::engine::Eng
         sample(text, row.metric, static_cast<double>(value) / scale);
       }
     }
-    if (&row == &uptimeRow && status.getStatusString(row.key) != nullptr) {
+    if (&row == &uptimeRow && status.find(row.key) != nullptr) {
       // Whole seconds: the engine's uptime and this exporter's clock are read a moment apart,
       // and a start time that wandered by milliseconds would look like a restart. An engine
       // that gives no uptime gives no start time, rather than one that moves with every probe.
       const auto sinceEpoch =
           std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
-      const double started = std::round((static_cast<double>(sinceEpoch) -
-                                         static_cast<double>(status.getStatusInteger(row.key))) /
-                                        1000.0);
+      const double started = std::round(
+          (static_cast<double>(sinceEpoch) - static_cast<double>(status.number(row.key))) / 1000.0);
       header(text, "orvex_start_time_seconds", "gauge",
              "When the engine started, in seconds since the epoch.");
       sample(text, "orvex_start_time_seconds", started);

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "status/EngineStatus.h"
+#include "engine_connection.h"
 
 namespace exporter {
 
@@ -24,7 +24,8 @@ inline constexpr std::size_t maxEngineAnswer = 96 * 1024;
 
 // Appends the metrics of one engine's status, taken at `now`. Returns how many of the texts that
 // hold a number or a time did not.
-std::size_t appendEngineMetrics(std::string& text, const com::orvex::engine::EngineStatus& status,
+std::size_t appendEngineMetrics(std::string& text,
+                                const com::orvex::client::status_snapshot& status,
                                 std::chrono::system_clock::time_point now);
 
 // Appends orvex_up and orvex_probe_duration_seconds: every probe ends with them.

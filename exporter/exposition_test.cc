@@ -7,15 +7,15 @@
 namespace exporter {
 namespace {
 
-using com::orvex::engine::EngineStatus;
+using com::orvex::client::snapshotOf;
 using namespace vigilo::test_support;
 using namespace std::chrono_literals;
 
 const auto probeTime = std::chrono::system_clock::time_point(1'800'000'000'400ms);
 
-std::string engineMetrics(const fake_status_script& script, std::size_t* unparsed = nullptr) {
+std::string engineMetrics(const text_pairs& pairs, std::size_t* unparsed = nullptr) {
   std::string text;
-  const std::size_t n = appendEngineMetrics(text, EngineStatus(newFakeStatus(script)), probeTime);
+  const std::size_t n = appendEngineMetrics(text, snapshotOf(pairs), probeTime);
   if (unparsed != nullptr) *unparsed = n;
   return text;
 }
@@ -34,7 +34,7 @@ std::string samples(const std::string& text, const std::string& prefix) {
 // counter, the persistence texts as numbers (two of them are not), escaped label values.
 TEST(ExpositionTest, ShowsTheCatalogueAsMetrics) {
   std::size_t unparsed = 0;
-  const std::string text = engineMetrics(scriptOf(snapshot(4294967301ULL)), &unparsed);
+  const std::string text = engineMetrics(snapshot(4294967301ULL), &unparsed);
   for (const char* block : {
            "# HELP orvex_uptime_seconds Time since the engine started.\n"
            "# TYPE orvex_uptime_seconds gauge\n"
@@ -79,18 +79,16 @@ TEST(ExpositionTest, ReadsNumbersAndTimesFromTexts) {
       {"numContexts", "1", "orvex_start", "", 0},
   };
   for (const row& r : rows) {
-    fake_status_script script;
-    script.pairs = {{r.key, r.value}};
     std::size_t unparsed = 0;
-    const std::string text = engineMetrics(script, &unparsed);
+    const std::string text = engineMetrics({{r.key, r.value}}, &unparsed);
     EXPECT_EQ(samples(text, r.prefix), r.samples) << r.key << " " << r.value;
     EXPECT_EQ(unparsed, r.unparsed) << r.key << " " << r.value;
   }
 }
 
 TEST(ExpositionTest, BoundsUserValuesAndLabels) {
-  fake_status_script script;
-  script.pairs = {{"user-a", "1"}, {"numContexts", "4"}, {"user-a", "2"}, {"user-q", "\"\\\n"}};
+  text_pairs script = {
+      {"user-a", "1"}, {"numContexts", "4"}, {"user-a", "2"}, {"user-q", "\"\\\n"}};
   EXPECT_EQ(
       samples(engineMetrics(script), "orvex_user") + samples(engineMetrics(script), "orvex_label"),
       "orvex_user_status_info{key=\"user-a\",value=\"1\"} 1\n"
@@ -99,7 +97,7 @@ TEST(ExpositionTest, BoundsUserValuesAndLabels) {
       "orvex_label_values_truncated 0\n");
 
   // Cut at a character boundary: 255 bytes of "a" then a two-byte character.
-  script.pairs = {{"user-long", std::string(255, 'a') + "\xc3\xa9" + "tail"}};
+  script = {{"user-long", std::string(255, 'a') + "\xc3\xa9" + "tail"}};
   EXPECT_EQ(
       samples(engineMetrics(script), "orvex_user_status_info"),
       "orvex_user_status_info{key=\"user-long\",value=\"" + std::string(255, 'a') + "\"} 1\n");
@@ -107,9 +105,9 @@ TEST(ExpositionTest, BoundsUserValuesAndLabels) {
   // The largest answer: every label value as long as can be and all of it escaped, and more
   // user values than are shown.
   const std::string huge(1 << 20, '"');
-  script.pairs = {{"mostBackedUpInputContext", huge}, {"slowestReceiver", huge}};
+  script = {{"mostBackedUpInputContext", huge}, {"slowestReceiver", huge}};
   for (std::size_t i = 0; i < maxUserSeries + 3; ++i) {
-    script.pairs.push_back({"user-" + std::to_string(1000 + i) + huge, huge});
+    script.push_back({"user-" + std::to_string(1000 + i) + huge, huge});
   }
   std::string text = engineMetrics(script);
   appendProbeResult(text, true, 1e-9);

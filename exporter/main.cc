@@ -7,11 +7,10 @@
 
 #include "bounded_server.h"
 #include "connection_pool.h"
+#include "endpoint.h"
 #include "exporter_options.h"
 #include "exporter_routes.h"
 #include "name_lookup.h"
-#include "ovclient/engine_client.h"
-#include "ovcommon/EngineException.h"
 #include "prober.h"
 #include "support/version.h"
 
@@ -60,12 +59,6 @@ int main(int argc, char** argv) {
   }
 
   ovhttp::blockStopSignals();  // before any thread starts
-  try {
-    com::orvex::engine::engineInit("vigilo-exporter");
-  } catch (const com::orvex::EngineException& e) {
-    std::cerr << "vigilo-exporter: " << e.what() << "\n";
-    return 1;
-  }
 
   // What the process may open is shared out: its own, a quarter of the rest (at most the server's
   // usual number) to its clients, and the rest to engines, of which the probes in flight take
@@ -81,8 +74,9 @@ int main(int argc, char** argv) {
   ovhttp::bounded_server server(limits);
   const int port = server.bindTo(options.listenHost, options.listenPort, error);
   if (port == 0) {
-    std::cerr << "vigilo-exporter: cannot listen on " << options.listenHost << ":"
-              << options.listenPort << ": " << error << "\n";
+    std::cerr << "vigilo-exporter: cannot listen on "
+              << ovnet::host_port{options.listenHost, options.listenPort}.text() << ": " << error
+              << "\n";
     return 1;
   }
   bool served = false;
@@ -91,12 +85,13 @@ int main(int argc, char** argv) {
     const exporter::name_lookup names;
     exporter::prober probes(pool, names, options.allowed, maxProbes);
     exporter::installRoutes(server, probes, options.probeTimeout);
-    std::cout << "vigilo-exporter listening on " << options.listenHost << ":" << port << "\n"
+    std::cout << "vigilo-exporter listening on "
+              << ovnet::host_port{options.listenHost, static_cast<unsigned short>(port)}.text()
+              << "\n"
               << "vigilo-exporter keeps up to " << maxIdle
               << " idle connections to engines (open file limit " << files << ")" << std::endl;
     served = ovhttp::serveUntilStopSignal(server, [&probes] { probes.stop(); });
   }
-  com::orvex::engine::engineShutdown();
   if (!served) {
     std::cerr << "vigilo-exporter: the server failed\n";
     return 1;

@@ -1,8 +1,6 @@
 #include "name_lookup.h"
 
 #include <ares.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -14,16 +12,23 @@ namespace exporter {
 
 namespace {
 
-using clock_type = std::chrono::steady_clock;
-
-constexpr int abandonCheckMs = 50;
-
 struct answer {
   bool done = false;
   int status = ARES_SUCCESS;
-  std::vector<std::string> addresses;
+  std::vector<ovnet::address> addresses;
   std::map<ares_socket_t, short> sockets;  // what the channel waits for on each of its sockets
 };
+
+void answered(void* arg, int status, int /*timeouts*/, ares_addrinfo* result) {
+  auto* into = static_cast<answer*>(arg);
+  into->done = true;
+  into->status = status;
+  if (result == nullptr) return;
+  for (const ares_addrinfo_node* node = result->nodes; node != nullptr; node = node->ai_next) {
+    into->addresses.push_back(ovnet::address::of(node->ai_addr, node->ai_addrlen));
+  }
+  ares_freeaddrinfo(result);
+}
 
 void socketState(void* data, ares_socket_t fd, int readable, int writable) {
   auto& sockets = static_cast<answer*>(data)->sockets;
@@ -35,30 +40,6 @@ void socketState(void* data, ares_socket_t fd, int readable, int writable) {
   }
 }
 
-void answered(void* arg, int status, int /*timeouts*/, ares_addrinfo* result) {
-  auto* into = static_cast<answer*>(arg);
-  into->done = true;
-  into->status = status;
-  if (result == nullptr) return;
-  for (const ares_addrinfo_node* node = result->nodes; node != nullptr; node = node->ai_next) {
-    const void* bytes =
-        node->ai_family == AF_INET
-            ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(node->ai_addr)->sin_addr)
-            : &reinterpret_cast<sockaddr_in6*>(node->ai_addr)->sin6_addr;
-    char text[INET6_ADDRSTRLEN] = "";
-    if (inet_ntop(node->ai_family, bytes, text, sizeof text) != nullptr) {
-      into->addresses.push_back(text);
-    }
-  }
-  ares_freeaddrinfo(result);
-}
-
-bool numeric(const std::string& host) {
-  in6_addr bytes;
-  return inet_pton(AF_INET, host.c_str(), &bytes) == 1 ||
-         inet_pton(AF_INET6, host.c_str(), &bytes) == 1;
-}
-
 }  // namespace
 
 name_lookup::name_lookup(std::string servers) : servers(std::move(servers)) {
@@ -66,9 +47,10 @@ name_lookup::name_lookup(std::string servers) : servers(std::move(servers)) {
   std::call_once(initialised, [] { ares_library_init(ARES_LIB_INIT_ALL); });
 }
 
-lookup_result name_lookup::resolve(const std::string& host, clock_type::time_point deadline,
-                                   const std::atomic<bool>& abandon) const {
-  if (numeric(host)) return {{host}, ""};
+ovnet::lookup_result name_lookup::resolve(const std::string& host, unsigned short port,
+                                          ovnet::deadline until,
+                                          const std::atomic<bool>* abandon) const {
+  if (const auto numeric = ovnet::address::parse(host, port)) return {{*numeric}, ""};
   answer result;  // outlives the channel, whose end may still call back
   ares_channel raw = nullptr;
   ares_options options{};
@@ -85,19 +67,22 @@ lookup_result name_lookup::resolve(const std::string& host, clock_type::time_poi
   ares_addrinfo_hints hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
-  ares_getaddrinfo(raw, host.c_str(), nullptr, &hints, answered, &result);
+  const std::string service = std::to_string(port);
+  ares_getaddrinfo(raw, host.c_str(), service.c_str(), &hints, answered, &result);
   while (!result.done) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
-    if (left.count() <= 0) return {{}, "no answer in time"};
-    if (abandon.load(std::memory_order_relaxed)) return {{}, "abandoned"};
+    // Until the deadline, or sooner when c-ares has a time-out of its own to keep.
+    timeval longest{ovnet::msLeft(until) / 1000, ovnet::msLeft(until) % 1000 * 1000};
+    timeval next{};
+    const timeval* own = ares_timeout(raw, &longest, &next);
+    const ovnet::deadline wake =
+        std::min(until, ovnet::clock_type::now() + std::chrono::seconds(own->tv_sec) +
+                            std::chrono::microseconds(own->tv_usec));
     std::vector<pollfd> fds;
     for (const auto& [fd, events] : result.sockets) fds.push_back({fd, events, 0});
-    timeval longest{0, abandonCheckMs * 1000};
-    timeval next{};
-    const timeval* until = ares_timeout(raw, &longest, &next);
-    const long ms = std::min<long>(left.count(), until->tv_sec * 1000 + until->tv_usec / 1000);
-    if (poll(fds.data(), fds.size(), static_cast<int>(ms)) <= 0) {
+    const ovnet::wait_end end = ovnet::waitReady(fds, wake, abandon);
+    if (end == ovnet::wait_end::abandoned) return {{}, "abandoned", end};
+    if (end == ovnet::wait_end::timedOut) {
+      if (ovnet::msLeft(until) == 0) return {{}, "no answer in time", end};
       ares_process_fd(raw, ARES_SOCKET_BAD, ARES_SOCKET_BAD);  // its own time-outs
       continue;
     }

@@ -5,24 +5,19 @@
 
 #include "ovcommon/EngineException.h"
 #include "ovcommon/log.h"
-#include "status/EngineStatus.h"
 
 namespace exporter {
 
 namespace {
 
 using com::orvex::EngineException;
-using clock_type = std::chrono::steady_clock;
+using ovnet::clock_type;
 
 constexpr std::chrono::minutes warningInterval{1};
 constexpr std::size_t maxWarnedTargets = 4096;
-
-// What is left before `deadline`, at least a millisecond: a limit of 0 would mean none.
-int remainingMs(clock_type::time_point deadline) {
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now());
-  return static_cast<int>(std::max<long long>(1, left.count()));
-}
+const std::string userAgent = "vigilo-exporter";
+// The buffers of a thread's last snapshot serve its next, unless a large answer grew them.
+thread_local com::orvex::client::status_snapshot spare;
 
 double secondsBetween(clock_type::time_point from, clock_type::time_point to) {
   return std::chrono::duration<double>(to - from).count();
@@ -53,7 +48,7 @@ class probe_steps {
 
 }  // namespace
 
-prober::prober(connection_pool& pool, const name_lookup& names, const target_rules& rules,
+prober::prober(connection_pool& pool, const ovnet::resolver& names, const target_rules& rules,
                std::size_t maxProbes)
     : pool(pool), names(names), rules(rules), maxProbes(maxProbes) {
   totals.durationBuckets.assign(probeBuckets().size(), 0);
@@ -69,64 +64,64 @@ prober::answer prober::probe(const target& t, std::chrono::milliseconds limit, b
   if (running.fetch_add(1) >= maxProbes) return refuse(true);
   if (!pool.startProbe()) return refuse(false);
   const auto start = clock_type::now();
-  const auto deadline = start + limit;
-  const std::string where = targetText(t);
+  const ovnet::deadline deadline = start + limit;
+  // Whatever the connection does is over by the probe's deadline, or at a stop.
+  const int left = std::max(1, ovnet::msLeft(deadline));
+  const com::orvex::client::connection_limits limits{left, left, &stopping};
+  const std::string where = t.text();
   probe_steps steps(start, debug);
-  EngineManagement* connection = pool.take(where);
+  connection engine = pool.take(where);
   std::string metrics, cause;
   std::size_t unparsed = 0;
   bool allowed = true;
   bool holding = false;  // counted in connectionsInUse
   const char* step = "connect";
   try {
-    if (connection != nullptr) {
-      com::orvex::engine::setEngineLimits(
-          connection, {remainingMs(deadline), remainingMs(deadline), &stopping});
+    if (engine != nullptr) {
+      engine->setLimits(limits);
       steps.done(step, "kept connection");
     } else {
       step = "lookup";
-      const lookup_result found = names.resolve(t.host, deadline, stopping);
-      if (!found.error.empty()) throw EngineException(("no address: " + found.error).c_str());
-      std::string addresses;
-      for (const std::string& a : found.addresses) addresses += (addresses.empty() ? "" : " ") + a;
-      steps.done(step, addresses);
-      allowed = rules.named(t) || rules.allowsAll(found.addresses);
-      step = "connect";
-      // The connection goes to the addresses that were checked, not to what the name gives next.
-      for (std::size_t i = 0; allowed && connection == nullptr; ++i) {
-        try {
-          connection = com::orvex::engine::connectToEngineWithin(
-              found.addresses[i].c_str(), t.port,
-              {remainingMs(deadline), remainingMs(deadline), &stopping});
-        } catch (const EngineException&) {
-          if (i + 1 == found.addresses.size() || clock_type::now() >= deadline) throw;
+      ovnet::lookup_result found = names.resolve(t.host, t.port, deadline, &stopping);
+      if (found.addresses.empty()) throw EngineException("no address: " + found.error);
+      if (debug) {
+        std::string addresses;
+        for (const ovnet::address& a : found.addresses) {
+          addresses += (addresses.empty() ? "" : " ") + a.text();
         }
+        steps.done(step, addresses);
       }
-      if (allowed) steps.done(step, "new connection");
+      allowed = rules.named(t) || rules.allowsAll(found.addresses);
+      if (allowed) {
+        // The connection goes to the addresses that were checked, not to what the name gives
+        // next.
+        step = "connect";
+        engine = std::make_unique<com::orvex::client::engine_connection>(
+            where, std::move(found.addresses), limits, userAgent);
+        engine->open(deadline);
+        steps.done(step, "new connection");
+      }
     }
     if (allowed) {
       holding = true;
       ++connectionsInUse;
       step = "request";
-      const com::orvex::engine::EngineStatus status =
-          com::orvex::engine::getEngineStatus(connection);
+      com::orvex::client::status_snapshot status = engine->status(std::move(spare));
       steps.done(step, "answered");
       step = "read";
       unparsed = appendEngineMetrics(metrics, status, std::chrono::system_clock::now());
       if (debug)
         steps.done(step, std::to_string(unparsed) + " texts that should hold numbers do not");
+      if (status.capacity() <= com::orvex::client::keptCapacity) spare = std::move(status);
     }
   } catch (const std::exception& e) {
     cause = e.what();
     steps.done(step, "failed: " + cause);
   }
   const bool up = allowed && cause.empty();
-  if (!up) {
-    connection_pool::close(connection);
-    connection = nullptr;
-  }
+  if (!up) engine.reset();
   if (holding) --connectionsInUse;
-  pool.endProbe(where, connection);
+  pool.endProbe(where, std::move(engine));
   running.fetch_sub(1);
   if (!allowed) return {403, "target " + where + " is not allowed"};
 

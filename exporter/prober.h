@@ -15,7 +15,7 @@
 
 #include "connection_pool.h"
 #include "exposition.h"
-#include "name_lookup.h"
+#include "resolver.h"
 #include "targets.h"
 
 namespace exporter {
@@ -23,7 +23,7 @@ namespace exporter {
 class prober {
  public:
   // The objects must outlive the prober.
-  prober(connection_pool& pool, const name_lookup& names, const target_rules& rules,
+  prober(connection_pool& pool, const ovnet::resolver& names, const target_rules& rules,
          std::size_t maxProbes);
 
   struct answer {
@@ -40,12 +40,11 @@ class prober {
   exporter_figures figures() const;
 
  private:
-  using clock_type = std::chrono::steady_clock;
   void record(bool up, double seconds, std::size_t unparsed);
   void warn(const std::string& where, const std::string& cause);
 
   connection_pool& pool;
-  const name_lookup& names;
+  const ovnet::resolver& names;
   const target_rules& rules;
   const std::size_t maxProbes;
   std::atomic<bool> stopping{false};
@@ -53,7 +52,7 @@ class prober {
   std::atomic<std::size_t> connectionsInUse{0};
   mutable std::mutex mutex;
   exporter_figures totals;
-  std::map<std::string, clock_type::time_point> lastWarning;  // by target, bounded
+  std::map<std::string, ovnet::clock_type::time_point> lastWarning;  // by target, bounded
 };
 
 }  // namespace exporter

@@ -1,113 +1,92 @@
 #include "targets.h"
 
-#include <arpa/inet.h>
-#include <strings.h>
-
 #include <algorithm>
 #include <cctype>
 #include <charconv>
-#include <cstring>
 
 namespace exporter {
 
 namespace {
 
-std::optional<unsigned short> portOf(std::string_view text) {
-  unsigned port = 0;
-  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), port);
-  if (text.empty() || ec != std::errc() || end != text.data() + text.size() || port == 0 ||
-      port > 65535) {
-    return std::nullopt;
-  }
-  return static_cast<unsigned short>(port);
-}
+bool nameByte(unsigned char c) { return std::isalnum(c) || c == '-' || c == '_'; }
 
-bool parseAddress(const std::string& text, sockaddr_storage& address) {
-  address = {};
-  auto* v4 = reinterpret_cast<sockaddr_in*>(&address);
-  auto* v6 = reinterpret_cast<sockaddr_in6*>(&address);
-  if (inet_pton(AF_INET, text.c_str(), &v4->sin_addr) == 1) {
-    address.ss_family = AF_INET;
-    return true;
+// Why `host` is no host to look up, or "" when it is a name; it becomes the name's own form.
+std::string checkName(std::string& host) {
+  if (host.ends_with('.')) host.pop_back();  // the root, which names the same host
+  if (host.empty()) return "no host";
+  if (host.size() > 253) return "a name is at most 253 bytes";
+  std::size_t labelStart = 0;
+  for (std::size_t i = 0; i <= host.size(); ++i) {
+    if (i < host.size() && host[i] != '.') {
+      if (!nameByte(static_cast<unsigned char>(host[i]))) {
+        return "a host is an address or a name of letters, digits, '-' and '_'";
+      }
+      continue;
+    }
+    if (i == labelStart || i - labelStart > 63 || host[labelStart] == '-') {
+      return "a label of a name is 1 to 63 bytes, not beginning with '-'";
+    }
+    labelStart = i + 1;
   }
-  if (inet_pton(AF_INET6, text.c_str(), &v6->sin6_addr) == 1) {
-    address.ss_family = AF_INET6;
-    return true;
+  // A name never ends in a number: the C library would read 127.1 or 2130706433 as 127.0.0.1, and
+  // 0x7f000001 too, and a name server would be asked for none of them.
+  const std::string_view last = std::string_view(host).substr(host.rfind('.') + 1);
+  const bool hex = host.find('.') == std::string::npos && last.size() > 2 &&
+                   (last.starts_with("0x") || last.starts_with("0X")) &&
+                   std::all_of(last.begin() + 2, last.end(),
+                               [](unsigned char c) { return std::isxdigit(c) != 0; });
+  if (hex ||
+      std::all_of(last.begin(), last.end(), [](unsigned char c) { return std::isdigit(c); })) {
+    return "write an address in full, such as 127.0.0.1 or [::1]";
   }
-  return false;
-}
-
-// The bytes of an address, as far as its family has them.
-std::string_view bytesOf(const sockaddr_storage& address) {
-  if (address.ss_family == AF_INET) {
-    const auto& a = reinterpret_cast<const sockaddr_in&>(address).sin_addr;
-    return {reinterpret_cast<const char*>(&a), sizeof a};
-  }
-  const auto& a = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
-  return {reinterpret_cast<const char*>(&a), sizeof a};
+  std::transform(host.begin(), host.end(), host.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return "";
 }
 
 }  // namespace
 
-std::optional<target> parseTarget(const std::string& text) {
-  const auto colon = text.rfind(':');
-  if (colon == std::string::npos || colon == 0) return std::nullopt;
-  std::string host = text.substr(0, colon);
-  const auto port = portOf(std::string_view(text).substr(colon + 1));
-  if (host.front() == '[') {
-    if (host.size() < 3 || host.back() != ']') return std::nullopt;
-    host = host.substr(1, host.size() - 2);
-  } else if (host.find(':') != std::string::npos) {
-    return std::nullopt;  // an IPv6 address needs its brackets
+target_parse parseTarget(std::string_view text) {
+  std::optional<target> t = ovnet::host_port::parse(text);
+  if (!t) return {std::nullopt, "expected HOST:PORT"};
+  const bool bracketed = text.starts_with('[');
+  if (const auto a = ovnet::address::parse(t->host)) {
+    if ((a->family() == AF_INET6) == bracketed) return {t, ""};
   }
-  // No name or address is longer than 253 bytes, or holds a blank or a control byte: a NUL
-  // would end the name early for the resolver.
-  const bool plain = host.size() <= 253 && host.find_first_of("[]/") == std::string::npos &&
-                     std::none_of(host.begin(), host.end(),
-                                  [](unsigned char c) { return c <= 0x20 || c == 0x7f; });
-  if (!port || !plain) return std::nullopt;
-  return target{host, *port};
+  if (bracketed) return {std::nullopt, "brackets hold an IPv6 address"};
+  std::string why = checkName(t->host);
+  if (!why.empty()) return {std::nullopt, why};
+  return {t, ""};
 }
 
-std::string targetText(const target& t) {
-  const bool ipv6 = t.host.find(':') != std::string::npos;
-  return (ipv6 ? "[" + t.host + "]" : t.host) + ":" + std::to_string(t.port);
-}
-
-bool target_rules::add(const std::string& rule) {
+bool target_rules::add(std::string_view rule) {
   const auto slash = rule.find('/');
-  range r;
-  if (parseAddress(rule.substr(0, slash), r.address)) {
-    const int bits = r.address.ss_family == AF_INET ? 32 : 128;
-    r.prefix = bits;
-    if (slash != std::string::npos) {
-      const std::string_view prefix = std::string_view(rule).substr(slash + 1);
-      const auto [end, ec] =
-          std::from_chars(prefix.data(), prefix.data() + prefix.size(), r.prefix);
-      if (prefix.empty() || ec != std::errc() || end != prefix.data() + prefix.size() ||
-          r.prefix < 0 || r.prefix > bits) {
+  if (const auto a = ovnet::address::parse(rule.substr(0, slash))) {
+    const int bits = a->family() == AF_INET ? 32 : 128;
+    int prefix = bits;
+    if (slash != std::string_view::npos) {
+      const std::string_view text = rule.substr(slash + 1);
+      const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), prefix);
+      if (text.empty() || ec != std::errc() || end != text.data() + text.size() || prefix < 0 ||
+          prefix > bits) {
         return false;
       }
     }
-    ranges.push_back(r);
+    ranges.push_back({*a, prefix});
     return true;
   }
-  if (slash != std::string::npos || rule.empty()) return false;
-  if (const auto t = parseTarget(rule)) {
-    names.push_back({t->host, t->port});
+  if (slash != std::string_view::npos) return false;
+  if (const target_parse t = parseTarget(rule); t.parsed) {
+    names.push_back(*t.parsed);
     return true;
   }
-  // A host name: letters, digits, dots, hyphens and underscores, and no leading hyphen.
-  const bool hostName =
-      rule.front() != '-' && std::all_of(rule.begin(), rule.end(), [](unsigned char c) {
-        return std::isalnum(c) || c == '.' || c == '-' || c == '_';
-      });
-  if (!hostName) return false;
-  names.push_back({rule, 0});
+  std::string host(rule);  // a name on any port
+  if (!checkName(host).empty()) return false;
+  names.push_back({host, 0});
   return true;
 }
 
-bool target_rules::inRanges(const sockaddr_storage& address) const {
+bool target_rules::inRanges(const ovnet::address& address) const {
   static const target_rules loopback = [] {
     target_rules rules;
     rules.add("127.0.0.0/8");
@@ -115,10 +94,10 @@ bool target_rules::inRanges(const sockaddr_storage& address) const {
     return rules;
   }();
   const auto& all = names.empty() && ranges.empty() ? loopback.ranges : ranges;
-  const std::string_view bytes = bytesOf(address);
+  const std::string_view bytes = address.bytes();
   for (const range& r : all) {
-    if (r.address.ss_family != address.ss_family) continue;
-    const std::string_view allowed = bytesOf(r.address);
+    if (r.address.family() != address.family()) continue;
+    const std::string_view allowed = r.address.bytes();
     const int whole = r.prefix / 8;
     const int rest = r.prefix % 8;
     if (bytes.substr(0, whole) != allowed.substr(0, whole)) continue;
@@ -133,17 +112,14 @@ bool target_rules::inRanges(const sockaddr_storage& address) const {
 }
 
 bool target_rules::named(const target& t) const {
-  return std::any_of(names.begin(), names.end(), [&t](const name& n) {
-    return strcasecmp(n.host.c_str(), t.host.c_str()) == 0 && (n.port == 0 || n.port == t.port);
+  return std::any_of(names.begin(), names.end(), [&t](const target& n) {
+    return n.host == t.host && (n.port == 0 || n.port == t.port);
   });
 }
 
-bool target_rules::allowsAll(const std::vector<std::string>& addresses) const {
-  return !addresses.empty() &&
-         std::all_of(addresses.begin(), addresses.end(), [this](const std::string& text) {
-           sockaddr_storage address{};
-           return parseAddress(text, address) && inRanges(address);
-         });
+bool target_rules::allowsAll(const std::vector<ovnet::address>& addresses) const {
+  return !addresses.empty() && std::all_of(addresses.begin(), addresses.end(),
+                                           [this](const ovnet::address& a) { return inRanges(a); });
 }
 
 }  // namespace exporter

@@ -1,4 +1,4 @@
-// The engine client library's entry points over the HTTP status endpoint.
+// The engine client library's C-shaped entry points, over its C++ face.
 #include "ovclient/engine_client.h"
 
 #include <cstdlib>
@@ -7,31 +7,41 @@
 #include <string>
 
 #include "client_status.h"
-#include "http_connection.h"
+#include "engine_connection.h"
 #include "ovcommon/EngineException.h"
 #include "ovcommon/log.h"
 #include "ovcommon/memory.h"
-#include "status_document.h"
+#include "resolver.h"
 
 namespace com::orvex::engine {
 
 class EngineManagement {
  public:
-  EngineManagement(const char* host, unsigned short port, EngineLimits limits,
-                   const std::string& userAgent)
-      : connection(host, port, limits, userAgent) {}
-  client::http_connection connection;
-  client::status_document_reader reader;  // its buffers serve every poll of the connection
-  std::string why;
+  explicit EngineManagement(std::unique_ptr<client::engine_connection> connection)
+      : connection(std::move(connection)) {}
+  const std::unique_ptr<client::engine_connection> connection;
 };
 
 namespace {
 
 std::string userAgent = "ovclient";
 
-std::string answered(const std::string& path, const client::http_response& r) {
-  return "GET " + path + " answered " + std::to_string(r.status) +
-         (r.reason.empty() ? "" : " " + r.reason);
+int positiveFromEnvironment(const char* name, int fallback) {
+  const char* text = std::getenv(name);
+  if (text == nullptr) return fallback;
+  char* end = nullptr;
+  const long value = std::strtol(text, &end, 10);
+  if (end == text || *end != '\0' || value <= 0 || value > 24L * 3600 * 1000) return fallback;
+  return static_cast<int>(value);
+}
+
+// The defaults, or OVCLIENT_CONNECT_TIMEOUT_MS and OVCLIENT_RESPONSE_TIMEOUT_MS when they hold a
+// positive number of milliseconds.
+client::connection_limits limitsFromEnvironment() {
+  client::connection_limits limits;
+  limits.connectMs = positiveFromEnvironment("OVCLIENT_CONNECT_TIMEOUT_MS", limits.connectMs);
+  limits.responseMs = positiveFromEnvironment("OVCLIENT_RESPONSE_TIMEOUT_MS", limits.responseMs);
+  return limits;
 }
 
 }  // namespace
@@ -55,70 +65,47 @@ void engineShutdown() {
   logLine(LogLevel::info, "engine client shut down");
 }
 
+// The host is looked up with the system's name service, and looking up, connecting and the
+// engine's answer to /ping share the connect limit's deadline.
 EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short port,
                                              const char* /*reserved*/) {
-  return connectToEngineWithin(host, port, client::timeoutsFromEnvironment());
-}
-
-void setEngineLimits(EngineManagement* management, EngineLimits limits) {
-  management->connection.setTimeouts(limits);
-}
-
-EngineManagement* connectToEngineWithin(const char* host, unsigned short port,
-                                        EngineLimits limits) {
   if (host == nullptr) throw EngineException("Could not connect to engine: no host given");
-  auto management = std::make_unique<EngineManagement>(host, port, limits, userAgent);
-  try {
-    management->connection.open();
-    const client::http_response& pong = management->connection.get("/ping");
-    if (pong.status / 100 != 2) throw std::runtime_error(answered("/ping", pong));
-  } catch (const std::exception& e) {
-    throw EngineException(printable("Could not connect to engine at " +
-                                    management->connection.where() + ": " + e.what()));
+  const client::connection_limits limits = limitsFromEnvironment();
+  const ovnet::deadline until =
+      ovnet::clock_type::now() + std::chrono::milliseconds(limits.connectMs);
+  const std::string where = ovnet::host_port{host, port}.text();
+  ovnet::lookup_result found = ovnet::system_resolver().resolve(host, port, until, nullptr);
+  if (found.addresses.empty()) {
+    const std::string cause = found.end == ovnet::wait_end::timedOut
+                                  ? "timed out after " + std::to_string(limits.connectMs) + " ms"
+                                  : found.error;
+    throw EngineException(printable("Could not connect to engine at " + where + ": " + cause));
   }
-  logLine(LogLevel::info, "connected to engine at " + management->connection.where());
+  auto management = std::make_unique<EngineManagement>(std::make_unique<client::engine_connection>(
+      where, std::move(found.addresses), limits, userAgent));
+  management->connection->open(until);
+  management->connection->ping();
+  logLine(LogLevel::info, "connected to engine at " + where);
   return management.release();
 }
 
 void disconnectFromEngine(EngineManagement* management) {
   if (management == nullptr) return;
-  logLine(LogLevel::info, "disconnected from engine at " + management->connection.where());
+  logLine(LogLevel::info, "disconnected from engine at " + management->connection->where());
   delete management;
 }
 
 }  // namespace com::orvex::engine
 
-using com::orvex::engine::EngineManagement;
-
-extern "C" StatusOpaque* engineManagement_getStatusOpaque(EngineManagement* management,
-                                                          char** error) {
-  using namespace com::orvex;
-  using namespace com::orvex::engine;
-  using namespace com::orvex::client;
+extern "C" StatusOpaque* engineManagement_getStatusOpaque(
+    com::orvex::engine::EngineManagement* management, char** error) {
+  using com::orvex::client::client_status;
   try {
-    const http_response& response = management->connection.get("/status");
-    if (logEnabled(LogLevel::debug)) {
-      logLine(LogLevel::debug, printable(answered("/status", response)) + ", " +
-                                   std::to_string(response.body.size()) + " bytes");
-    }
     client_status::owned status = client_status::take();
-    std::string failure;
-    if (response.status / 100 != 2) {
-      failure = answered("/status", response);
-    } else if (!management->reader.read(response.body, status->pairs, management->why)) {
-      failure = "malformed status document: " + management->why;
-    }
-    // A kept connection holds little between polls, however large an answer once was.
-    if (response.body.size() > keptCapacity) {
-      management->connection.shrink(keptCapacity);
-      management->reader.shrink(keptCapacity);
-    }
-    if (!failure.empty()) throw std::runtime_error(failure);
+    status->snapshot = management->connection->status(std::move(status->snapshot));
     return status.release()->handOut();
-  } catch (const std::exception& e) {
-    const std::string text = printable("Status request to engine at " +
-                                       management->connection.where() + " failed: " + e.what());
-    *error = strdup(text.c_str());
+  } catch (const std::exception& e) {  // the connection's failures name the engine themselves
+    *error = strdup(e.what());
     return nullptr;
   }
 }

@@ -145,17 +145,20 @@ TEST_F(EngineClientTest, ConnectFailuresNameHostPortAndCause) {
             "Could not connect to engine at " + unresolvable + ":15903: Name or service not known");
 }
 
-// A name is resolved, and every address tried in order; an engine on the IPv6 loopback, where the
-// machine has one, is reached like any other.
-TEST_F(EngineClientTest, ReachesAnEngineByNameOrOnEitherLoopback) {
+// A name is looked up, and every address tried in order.
+TEST_F(EngineClientTest, ReachesAnEngineByName) {
   fake_engine engine(pingThen([](int) { return document; }));
   EXPECT_EQ(fetch(connectTo("localhost", engine.port()).get()), documentSeen);
+}
+
+TEST_F(EngineClientTest, ReachesAnEngineOnTheIpv6Loopback) {
+  std::unique_ptr<fake_engine> engine;
   try {
-    fake_engine v6(pingThen([](int) { return document; }), "::1");
-    EXPECT_EQ(fetch(connectTo("::1", v6.port()).get()), documentSeen);
+    engine = std::make_unique<fake_engine>(pingThen([](int) { return document; }), "::1");
   } catch (const std::runtime_error& e) {
-    GTEST_LOG_(INFO) << "no IPv6 loopback on this machine: " << e.what();
+    GTEST_SKIP() << "this machine has no IPv6 loopback: " << e.what();
   }
+  EXPECT_EQ(fetch(connectTo("::1", engine->port()).get()), documentSeen);
 }
 
 }  // namespace

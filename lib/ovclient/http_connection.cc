@@ -1,135 +1,27 @@
 #include "http_connection.h"
 
 #include <fcntl.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <mutex>
 #include <stdexcept>
-#include <thread>
 
 namespace com::orvex::client {
 
 namespace {
 
-int positiveFromEnvironment(const char* name, int fallback) {
-  const char* text = std::getenv(name);
-  if (text == nullptr) return fallback;
-  char* end = nullptr;
-  const long value = std::strtol(text, &end, 10);
-  if (end == text || *end != '\0' || value <= 0 || value > 24L * 3600 * 1000) return fallback;
-  return static_cast<int>(value);
-}
-
-int msLeft(clock_type::time_point deadline) {
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now()).count();
-  return left < 0 ? 0 : static_cast<int>(left);
-}
+using ovnet::clock_type;
+using ovnet::wait_end;
 
 std::string timedOut(int ms) { return "timed out after " + std::to_string(ms) + " ms"; }
 
-std::string whereOf(const std::string& host, unsigned short port) {
-  const bool ipv6Literal = host.find(':') != std::string::npos;
-  return (ipv6Literal ? "[" + host + "]" : host) + ":" + std::to_string(port);
-}
-
-// How often a wait looks at the caller's abandon flag.
-constexpr int abandonCheckMs = 50;
-
-bool abandoned(const engine::EngineLimits& limits) {
-  return limits.abandon != nullptr && limits.abandon->load(std::memory_order_relaxed);
-}
-
-// Whether the deadline has passed or the caller has abandoned the wait.
-bool givenUp(clock_type::time_point deadline, const engine::EngineLimits& limits) {
-  return clock_type::now() >= deadline || abandoned(limits);
-}
-
-// Waits until `fd` is ready for `events`; false once the deadline has passed, however many bytes
-// keep arriving before it, or once the caller abandons the wait.
-bool waitFor(int fd, short events, clock_type::time_point deadline,
-             const engine::EngineLimits& limits) {
-  for (;;) {
-    if (givenUp(deadline, limits)) return false;
-    pollfd p{fd, events, 0};
-    const int ready = poll(&p, 1, std::min(msLeft(deadline), abandonCheckMs));
-    if (ready > 0) return true;
-    if (ready < 0 && errno != EINTR) return true;  // let the next call report the error
-  }
-}
-
-// The resolver's answer, shared with the thread that waits for it, which may outlive the wait.
-struct resolution {
-  std::mutex mutex;
-  std::condition_variable done;
-  bool finished = false;
-  int rc = 0;
-  int error = 0;
-  addrinfo* found = nullptr;
-  ~resolution() {
-    if (found != nullptr) freeaddrinfo(found);
-  }
-};
-
-// Every address of host:port, within the deadline: a name server may take longer than the
-// connect limit allows, so a name is resolved on a thread of its own and given up on at the
-// deadline. A numeric address needs no resolver.
-std::shared_ptr<resolution> resolve(const std::string& host, unsigned short port,
-                                    clock_type::time_point deadline,
-                                    const engine::EngineLimits& limits) {
-  auto answer = std::make_shared<resolution>();
-  const std::string service = std::to_string(port);
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICHOST;
-  if (getaddrinfo(host.c_str(), service.c_str(), &hints, &answer->found) == 0) return answer;
-  answer->found = nullptr;
-  std::thread([answer, host, service, hints]() mutable {
-    hints.ai_flags = 0;
-    addrinfo* found = nullptr;
-    const int rc = getaddrinfo(host.c_str(), service.c_str(), &hints, &found);
-    const int error = errno;
-    std::lock_guard<std::mutex> lock(answer->mutex);
-    answer->rc = rc;
-    answer->error = error;
-    answer->found = found;
-    answer->finished = true;
-    answer->done.notify_one();
-  }).detach();
-  std::unique_lock<std::mutex> lock(answer->mutex);
-  while (!answer->finished) {
-    if (givenUp(deadline, limits)) return nullptr;
-    answer->done.wait_until(
-        lock, std::min(deadline, clock_type::now() + std::chrono::milliseconds(abandonCheckMs)));
-  }
-  if (answer->rc != 0) {
-    throw std::runtime_error(answer->rc == EAI_SYSTEM ? std::strerror(answer->error)
-                                                      : gai_strerror(answer->rc));
-  }
-  return answer;
-}
-
 }  // namespace
-
-engine::EngineLimits timeoutsFromEnvironment() {
-  engine::EngineLimits t;
-  t.connectMs = positiveFromEnvironment("OVCLIENT_CONNECT_TIMEOUT_MS", t.connectMs);
-  t.responseMs = positiveFromEnvironment("OVCLIENT_RESPONSE_TIMEOUT_MS", t.responseMs);
-  return t;
-}
 
 struct http_connection::exchange_result {
   bool ok = false;
@@ -138,13 +30,12 @@ struct http_connection::exchange_result {
   std::string error;
 };
 
-http_connection::http_connection(std::string host, unsigned short port,
-                                 engine::EngineLimits timeouts, std::string userAgent)
-    : host(std::move(host)),
-      port(port),
-      timeouts(timeouts),
-      userAgent(std::move(userAgent)),
-      location(whereOf(this->host, port)) {}
+http_connection::http_connection(std::string where, std::vector<ovnet::address> addresses,
+                                 connection_limits limits, std::string userAgent)
+    : location(std::move(where)),
+      addresses(std::move(addresses)),
+      limits(limits),
+      userAgent(std::move(userAgent)) {}
 
 http_connection::~http_connection() { closeSocket(); }
 
@@ -154,7 +45,7 @@ void http_connection::shrink(std::size_t bytes) {
 }
 
 std::string http_connection::ended(int limitMs) const {
-  return abandoned(timeouts) ? "abandoned" : timedOut(limitMs);
+  return ovnet::abandoned(limits.abandon) ? "abandoned" : timedOut(limitMs);
 }
 
 void http_connection::closeSocket() {
@@ -162,35 +53,34 @@ void http_connection::closeSocket() {
   fd = -1;
 }
 
-void http_connection::open() {
+void http_connection::open(ovnet::deadline until) {
   if (fd >= 0) return;
-  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts.connectMs);
-  const std::shared_ptr<resolution> addresses = resolve(host, port, deadline, timeouts);
-  if (addresses == nullptr) throw std::runtime_error(ended(timeouts.connectMs));
-  int left = 0;
-  for (addrinfo* a = addresses->found; a != nullptr; a = a->ai_next) ++left;
   std::string cause = "no address";
-  for (addrinfo* a = addresses->found; a != nullptr && fd < 0; a = a->ai_next, --left) {
+  for (std::size_t i = 0; i < addresses.size() && fd < 0; ++i) {
     // Each address gets its share of the time that is left, so that one that never answers
     // leaves time for the next.
+    if (ovnet::abandoned(limits.abandon) || ovnet::msLeft(until) == 0) {
+      cause = ended(limits.connectMs);
+      break;
+    }
     const auto now = clock_type::now();
-    if (givenUp(deadline, timeouts)) break;
-    const auto until = now + (deadline - now) / left;
-    const int candidate =
-        socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
+    const ovnet::deadline share = now + (until - now) / static_cast<long>(addresses.size() - i);
+    const ovnet::address& a = addresses[i];
+    const int candidate = socket(a.family(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     int error = candidate < 0 ? errno : 0;
-    if (candidate >= 0 && connect(candidate, a->ai_addr, a->ai_addrlen) != 0) {
+    if (candidate >= 0 && connect(candidate, a.data(), a.size()) != 0) {
       error = errno;
       if (error == EINPROGRESS) {
         error = ETIMEDOUT;
-        if (waitFor(candidate, POLLOUT, until, timeouts)) {
+        pollfd writable{candidate, POLLOUT, 0};
+        if (ovnet::waitReady({&writable, 1}, share, limits.abandon) == wait_end::ready) {
           socklen_t length = sizeof error;
           getsockopt(candidate, SOL_SOCKET, SO_ERROR, &error, &length);
         }
       }
     }
     if (error != 0) {
-      cause = error == ETIMEDOUT ? ended(timeouts.connectMs) : std::strerror(error);
+      cause = error == ETIMEDOUT ? ended(limits.connectMs) : std::strerror(error);
       if (candidate >= 0) close(candidate);
       continue;
     }
@@ -201,10 +91,11 @@ void http_connection::open() {
     // costs one system call per read rather than a poll before each, and the deadline still
     // holds to within a slice.
     fcntl(candidate, F_SETFL, fcntl(candidate, F_GETFL) & ~O_NONBLOCK);
-    const timeval slice{0, 50'000};
+    const timeval slice{0, std::chrono::microseconds(ovnet::checkInterval).count()};
     setsockopt(candidate, SOL_SOCKET, SO_RCVTIMEO, &slice, sizeof slice);
     setsockopt(candidate, SOL_SOCKET, SO_SNDTIMEO, &slice, sizeof slice);
     fd = candidate;
+    lastAnswer = clock_type::now();  // a new connection has not been left idle
   }
   if (fd < 0) throw std::runtime_error(cause);
 }
@@ -217,7 +108,7 @@ bool http_connection::peerClosed() const {
 }
 
 http_connection::exchange_result http_connection::exchange(const std::string& path,
-                                                           clock_type::time_point deadline) {
+                                                           ovnet::deadline until) {
   exchange_result result;
   if (path != requestPath) {
     requestPath = path;
@@ -232,9 +123,9 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
     } else if (errno != EAGAIN && errno != EINTR) {
       result.error = std::strerror(errno);
       return result;
-    } else if (givenUp(deadline, timeouts)) {
+    } else if (givenUp(until)) {
       result.timedOut = true;
-      result.error = ended(timeouts.responseMs);
+      result.error = ended(limits.responseMs);
       return result;
     }
   }
@@ -242,10 +133,10 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
   reader.reset();
   char buffer[65536];
   while (reader.current() == http_response_reader::state::reading) {
-    if (givenUp(deadline, timeouts)) {
+    if (givenUp(until)) {
       result.timedOut = true;
       result.receivedAnything = reader.receivedAnything();
-      result.error = ended(timeouts.responseMs);
+      result.error = ended(limits.responseMs);
       return result;
     }
     const ssize_t n = recv(fd, buffer, sizeof buffer, 0);
@@ -274,7 +165,7 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
 
 const http_response& http_connection::get(const std::string& path) {
   // One limit for the whole response, a request sent once more included.
-  const auto deadline = clock_type::now() + std::chrono::milliseconds(timeouts.responseMs);
+  const ovnet::deadline until = clock_type::now() + std::chrono::milliseconds(limits.responseMs);
   for (int attempt = 0;; ++attempt) {
     bool reused = fd >= 0;
     // A connection that has just answered is still open; one that has waited may have been
@@ -283,8 +174,8 @@ const http_response& http_connection::get(const std::string& path) {
       closeSocket();
       reused = false;
     }
-    open();
-    exchange_result r = exchange(path, deadline);
+    if (fd < 0) open(clock_type::now() + std::chrono::milliseconds(limits.connectMs));
+    exchange_result r = exchange(path, until);
     if (r.ok) {
       lastAnswer = clock_type::now();
       return response;

@@ -1,24 +1,17 @@
-// One kept-alive HTTP/1.1 connection to the engine, for GET requests only. It resolves the host
-// to every address getaddrinfo gives (IPv6 and IPv4, in order) and connects to the first that
-// answers; resolving and connecting share one deadline. Each response must arrive whole before
-// its own deadline, however the bytes trickle in. A connection that the engine closed while idle
-// is re-opened once, transparently. Not thread-safe: one user at a time.
+// One kept-alive HTTP/1.1 connection to the engine, for GET requests only. It connects to the
+// first of its addresses that answers, each given its share of the connect limit. Each response
+// must arrive whole before its own deadline, however the bytes trickle in. A connection that the
+// engine closed while idle is re-opened once, transparently. Not thread-safe: one user at a time.
 #ifndef VIGILO_LIB_OVCLIENT_HTTP_CONNECTION_H_
 #define VIGILO_LIB_OVCLIENT_HTTP_CONNECTION_H_
 
-#include <chrono>
 #include <string>
+#include <vector>
 
+#include "engine_connection.h"
 #include "http_response_reader.h"
-#include "ovclient/engine_client.h"
 
 namespace com::orvex::client {
-
-using clock_type = std::chrono::steady_clock;
-
-// The defaults, or OVCLIENT_CONNECT_TIMEOUT_MS and OVCLIENT_RESPONSE_TIMEOUT_MS when they hold a
-// positive number of milliseconds.
-engine::EngineLimits timeoutsFromEnvironment();
 
 struct http_response {
   int status = 0;
@@ -28,40 +21,43 @@ struct http_response {
 
 class http_connection {
  public:
-  http_connection(std::string host, unsigned short port, engine::EngineLimits timeouts,
-                  std::string userAgent);
+  // `where` is what the Host field names ("host:port").
+  http_connection(std::string where, std::vector<ovnet::address> addresses,
+                  connection_limits limits, std::string userAgent);
   ~http_connection();
   http_connection(const http_connection&) = delete;
   http_connection& operator=(const http_connection&) = delete;
 
-  // "host:port", with brackets around an IPv6 literal.
   const std::string& where() const { return location; }
-
-  void setTimeouts(engine::EngineLimits limits) { timeouts = limits; }
+  void setLimits(connection_limits newLimits) { limits = newLimits; }
   // Lets go of buffers grown past `bytes` by a large response; the next one grows them again.
   void shrink(std::size_t bytes);
 
-  // Connects if not connected. Throws std::runtime_error with the cause ("Connection refused").
-  void open();
+  // Connects by `until`, if not connected. Throws std::runtime_error with the cause
+  // ("Connection refused").
+  void open(ovnet::deadline until);
   // Sends GET `path` and reads the whole response, of any status; it stays valid until the next
   // request. Throws std::runtime_error with the cause on a transport or framing failure.
   const http_response& get(const std::string& path);
 
  private:
   struct exchange_result;
-  exchange_result exchange(const std::string& path, clock_type::time_point deadline);
+  exchange_result exchange(const std::string& path, ovnet::deadline until);
   bool peerClosed() const;
+  // Whether `until` has passed or the caller has abandoned what the connection does.
+  bool givenUp(ovnet::deadline until) const {
+    return ovnet::clock_type::now() >= until || ovnet::abandoned(limits.abandon);
+  }
   // Why a wait ended early: the caller abandoned it, or its limit of `limitMs` passed.
   std::string ended(int limitMs) const;
   void closeSocket();
 
-  const std::string host;
-  const unsigned short port;
-  engine::EngineLimits timeouts;
-  const std::string userAgent;
   const std::string location;
+  const std::vector<ovnet::address> addresses;
+  connection_limits limits;
+  const std::string userAgent;
   int fd = -1;
-  clock_type::time_point lastAnswer;
+  ovnet::clock_type::time_point lastAnswer;
   // Kept from one request to the next, so that a poll reuses the buffers of the poll before.
   std::string requestPath;
   std::string request;

@@ -65,19 +65,6 @@ std::string syntaxError(std::string_view document, simdjson::error_code code) {
 
 }  // namespace
 
-void pair_table::clear() {
-  text.clear();
-  offsets.clear();
-}
-
-void pair_table::add(std::string_view key, std::string_view value) {
-  const auto keyAt = static_cast<std::uint32_t>(text.size());
-  text.append(key).push_back('\0');
-  const auto valueAt = static_cast<std::uint32_t>(text.size());
-  text.append(value).push_back('\0');
-  offsets.emplace_back(keyAt, valueAt);
-}
-
 status_document_reader::status_document_reader() { startSmall(); }
 
 void status_document_reader::shrink(std::size_t bytes) {

@@ -14,29 +14,12 @@
 #include <utility>
 #include <vector>
 
+#include "engine_connection.h"
+
 namespace com::orvex::client {
 
 inline constexpr std::size_t maxDocumentDepth = 64;
 inline constexpr std::size_t maxStatusPairs = 100000;
-
-// The pairs of one document, in document order, as NUL-terminated texts in one buffer. The
-// buffers are kept from one document to the next, so that once they have grown to an engine's
-// document, reading another allocates nothing. Texts stay in place until the next clear().
-class pair_table {
- public:
-  void clear();
-  void add(std::string_view key, std::string_view value);
-  // Bytes that the table holds, whatever it holds now.
-  std::size_t capacity() const { return text.capacity() + offsets.capacity() * sizeof(offsets[0]); }
-  std::size_t size() const { return offsets.size(); }
-  const char* key(std::size_t i) const { return text.data() + offsets[i].first; }
-  std::size_t keyLength(std::size_t i) const { return offsets[i].second - offsets[i].first - 1; }
-  const char* value(std::size_t i) const { return text.data() + offsets[i].second; }
-
- private:
-  std::string text;
-  std::vector<std::pair<std::uint32_t, std::uint32_t>> offsets;
-};
 
 // A reader of status documents, with the parser's buffers kept from one document to the next.
 // simdjson reads them; for a document it cannot read, nlohmann-json (which reports the line and

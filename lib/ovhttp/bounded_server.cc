@@ -15,6 +15,7 @@
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
 #include <cctype>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -22,6 +23,7 @@
 
 #include "ovcommon/log.h"
 #include "request_reader.h"
+#include "resolver.h"
 #include "route_table.h"
 #include "worker_pool.h"
 
@@ -41,6 +43,8 @@ constexpr std::size_t framingAllowance = 64 * 1024;
 constexpr std::chrono::milliseconds lingerTime{1000};
 // How long accepting pauses when the process has no descriptor or memory left for a client.
 constexpr std::chrono::milliseconds acceptPauseTime{50};
+// How long the name of the address to listen on may take to look up.
+constexpr std::chrono::seconds bindLookupTime{5};
 
 const char continueLine[] = "HTTP/1.1 100 Continue\r\n\r\n";
 
@@ -395,19 +399,20 @@ void bounded_server::route(const std::string& method, const std::string& path, h
 }
 
 int bounded_server::bindTo(const std::string& host, unsigned short port, std::string& error) {
-  error_code ec;
-  tcp::endpoint endpoint;
-  const asio::ip::address address = asio::ip::make_address(host, ec);
-  if (!ec) {
-    endpoint = {address, port};
-  } else {
-    tcp::resolver resolver(self->io);
-    const auto found = resolver.resolve(host, std::to_string(port), ec);
-    if (!ec && found.empty()) ec = asio::error::host_not_found;
-    if (!ec) endpoint = *found.begin();
+  // A name is looked up as the machine's users would look it up, within a bound.
+  const ovnet::lookup_result found = ovnet::system_resolver().resolve(
+      host, port, ovnet::clock_type::now() + bindLookupTime, nullptr);
+  if (found.addresses.empty()) {
+    error = found.end == ovnet::wait_end::timedOut ? "no address in time" : found.error;
+    return 0;
   }
+  tcp::endpoint endpoint;
+  const ovnet::address& address = found.addresses.front();
+  std::memcpy(endpoint.data(), address.data(), address.size());
+  endpoint.resize(address.size());
+  error_code ec;
   tcp::acceptor& acceptor = self->acceptor;
-  if (!ec) acceptor.open(endpoint.protocol(), ec);
+  acceptor.open(endpoint.protocol(), ec);
   if (!ec) acceptor.set_option(tcp::acceptor::reuse_address(true), ec);
   if (!ec) acceptor.bind(endpoint, ec);
   if (!ec) acceptor.listen(asio::socket_base::max_listen_connections, ec);
@@ -418,8 +423,9 @@ int bounded_server::bindTo(const std::string& host, unsigned short port, std::st
     error = "address in use";
   } else {
     error = ec.message();
-    if (!error.empty())
+    if (!error.empty()) {
       error[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(error[0])));
+    }
   }
   return 0;
 }

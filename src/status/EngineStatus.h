@@ -13,6 +13,7 @@
 
 #include "ovclient/StatusOpaque.h"
 #include "ovclient/engine_client.h"
+#include "status/status_catalogue.h"
 
 namespace com::orvex::engine {
 
@@ -89,10 +90,6 @@ EngineStatus getEngineStatus(EngineManagement* management);
 
 // Writes the 27-line human-readable text of `status` to `out` in one piece; does not flush.
 std::ostream& operator<<(std::ostream& out, const EngineStatus& status);
-
-// The rule that tells a user-set value from the others: its key contains "user-" anywhere, not
-// only at its start.
-inline bool isUserKey(std::string_view key) { return key.find("user-") != std::string_view::npos; }
 
 // Calls visit(key, value) for every user pair of `record`, in the order the walk yields them.
 template <typename Visit>

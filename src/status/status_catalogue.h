@@ -1,6 +1,7 @@
 // The catalogue of standard status keys: the one table from which the raw heading line, the raw
-// values line, the human-readable text and the exporter's metrics are all rendered. A key, a
-// heading, a label or a metric name appears nowhere else.
+// values line, the human-readable text and the exporter's metrics are all rendered, and the rule
+// that tells the users' keys from them. A key, a heading, a label or a metric name appears
+// nowhere else.
 #ifndef VIGILO_SRC_STATUS_STATUS_CATALOGUE_H_
 #define VIGILO_SRC_STATUS_STATUS_CATALOGUE_H_
 
@@ -134,6 +135,10 @@ consteval const status_key& catalogueRow(std::string_view key) {
   }
   throw "not a key of the status catalogue";
 }
+
+// The rule that tells a user-set value from the others: its key contains "user-" anywhere, not
+// only at its start.
+inline bool isUserKey(std::string_view key) { return key.find("user-") != std::string_view::npos; }
 
 // The row of the processed-events count, which the event rate also reads.
 inline constexpr const status_key& processedRow = catalogueRow("numProcessed");

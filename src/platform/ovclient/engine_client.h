@@ -3,8 +3,6 @@
 #ifndef VIGILO_SRC_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_
 #define VIGILO_SRC_PLATFORM_OVCLIENT_ENGINE_CLIENT_H_
 
-#include <atomic>
-
 #include "ovclient/StatusOpaque.h"
 
 namespace com::orvex::engine {
@@ -23,23 +21,6 @@ void engineShutdown();
 // EngineException with a text that names host, port and cause.
 EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short port,
                                              const char* reserved);
-
-// A connection's limits, in milliseconds: connecting (name resolution included) and each whole
-// response. `abandon`, when set, is a flag of the caller's that ends whatever the connection is
-// doing, within 50 ms, as a failure once it turns true: for a caller that must stop at once.
-struct EngineLimits {
-  int connectMs = 5000;
-  int responseMs = 30000;
-  const std::atomic<bool>* abandon = nullptr;
-};
-
-// As connectToEngineMonitorOnly, within `limits` rather than those the environment sets
-// (OVCLIENT_CONNECT_TIMEOUT_MS and OVCLIENT_RESPONSE_TIMEOUT_MS, else 5 s and 30 s): for a caller
-// whose every request has a time limit of its own.
-EngineManagement* connectToEngineWithin(const char* host, unsigned short port, EngineLimits limits);
-
-// Sets the limits of what the connection does next, a reconnection included.
-void setEngineLimits(EngineManagement* management, EngineLimits limits);
 
 // Closes and releases the connection. Throws EngineException on failure.
 void disconnectFromEngine(EngineManagement* management);
