@@ -2,7 +2,7 @@
 //   - polls per second at -i 0 in raw mode, beside bare HTTP requests over one connection, and
 //     beside the same bare requests writing a line each, the floor of any poller with output;
 //   - time from SIGINT to exit while vigilo waits between polls;
-//   - wall time and peak memory of `vigilo -o`, beside curl fetching the same document;
+//   - wall time and peak memory of `vigilo -p PORT -r -o`, beside `curl -s` of the same URL;
 //   - instructions per raw poll (callgrind), and the allocation entry points' own table.
 //
 //   build/bin/vigilo_bench [seconds]
@@ -181,11 +181,11 @@ int main(int argc, char** argv) {
   std::printf("%-44s %12.2f\n\n", "SIGINT to exit during a wait, worst ms",
               *std::max_element(exitMs.begin(), exitMs.end()));
 
-  // One poll, beside curl.
-  std::vector<std::string> once = vigilo;
-  once.push_back("-o");
+  // One poll, beside curl fetching the same URL, both by the name of the engine's host as users
+  // write it, in turns.
+  const std::vector<std::string> once = {VIGILO_BINARY, "-p", portText, "-r", "-o"};
   const std::vector<std::string> curl = {"/usr/bin/curl", "-s", "-o", "/dev/null",
-                                         "http://127.0.0.1:" + portText + "/status"};
+                                         "http://localhost:" + portText + "/status"};
   std::vector<double> vigiloMs, curlMs;
   long vigiloRss = 0, curlRss = 0;
   for (int i = 0; i < 21; ++i) {

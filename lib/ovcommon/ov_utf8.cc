@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -67,6 +68,24 @@ std::string environmentCodeset() {
   return codeset;
 }
 
+// environmentCodeset(), found again only when the variables that choose the locale change:
+// finding it loads the locale's character data, and a program converts all its arguments at once.
+std::string currentCodeset() {
+  static std::mutex mutex;
+  static std::string chosenBy, codeset;
+  std::string variables;
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const char* value = std::getenv(name);
+    variables.append(value != nullptr ? value : "").push_back('\0');
+  }
+  std::lock_guard<std::mutex> lock(mutex);
+  if (codeset.empty() || variables != chosenBy) {
+    chosenBy = variables;
+    codeset = environmentCodeset();
+  }
+  return codeset;
+}
+
 bool isUtf8Codeset(const std::string& codeset) {
   return strcasecmp(codeset.c_str(), "UTF-8") == 0 || strcasecmp(codeset.c_str(), "UTF8") == 0;
 }
@@ -100,7 +119,7 @@ char* convertWithIconv(const char* text, const std::string& codeset) {
 
 char* ov_CstrToUTF8(const char* text) {
   if (text == nullptr) return nullptr;
-  const std::string codeset = environmentCodeset();
+  const std::string codeset = currentCodeset();
   if (isUtf8Codeset(codeset)) {
     if (!isStrictUtf8(text)) return nullptr;
     return strdup(text);
