@@ -4,71 +4,101 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 namespace ovnet {
 
 namespace {
 
-// One request to glibc, in memory that stays put while glibc may write to it.
-struct request {
-  std::string host, service;
-  addrinfo hints{};
-  gaicb control{};
-  ~request() {
-    if (control.ar_result != nullptr) freeaddrinfo(control.ar_result);
+// One lookup, shared by its caller and the lookup thread: a caller that gives up leaves it to the
+// thread, which frees it when getaddrinfo returns.
+struct lookup {
+  lookup(std::string host, std::string service)
+      : host(std::move(host)), service(std::move(service)) {}
+  ~lookup() {
+    if (found != nullptr) freeaddrinfo(found);
   }
+  const std::string host, service;
+  std::mutex mutex;
+  std::condition_variable done;
+  bool finished = false;
+  int rc = 0;
+  int error = 0;
+  addrinfo* found = nullptr;
 };
 
-// Requests given up while glibc was working on them, freed once it is done.
-std::mutex leftMutex;
-std::vector<std::unique_ptr<request>> left;
+// The one thread that asks the system's name service, lookup after lookup: a name service call
+// cannot be given up, so it runs there and its caller waits only as long as it may. Started with
+// the first name, and never stopped, as it may be in a lookup when the process ends.
+class lookup_thread {
+ public:
+  static lookup_thread& instance() {
+    static lookup_thread* const thread = new lookup_thread;
+    return *thread;
+  }
+  void submit(std::shared_ptr<lookup> job) {
+    std::lock_guard<std::mutex> lock(mutex);
+    jobs.push_back(std::move(job));
+    work.notify_one();
+  }
 
-void freeFinished() {
-  std::lock_guard<std::mutex> lock(leftMutex);
-  std::erase_if(left, [](const auto& r) { return gai_error(&r->control) != EAI_INPROGRESS; });
-}
+ private:
+  lookup_thread() {
+    std::thread([this] { run(); }).detach();
+  }
+  void run() {
+    for (;;) {
+      std::shared_ptr<lookup> job;
+      {
+        std::unique_lock<std::mutex> lock(mutex);
+        work.wait(lock, [this] { return !jobs.empty(); });
+        job = std::move(jobs.front());
+        jobs.pop_front();
+      }
+      addrinfo hints{};
+      hints.ai_family = AF_UNSPEC;
+      hints.ai_socktype = SOCK_STREAM;
+      addrinfo* found = nullptr;
+      const int rc = getaddrinfo(job->host.c_str(), job->service.c_str(), &hints, &found);
+      const int error = errno;
+      std::lock_guard<std::mutex> lock(job->mutex);
+      job->rc = rc;
+      job->error = error;
+      job->found = found;
+      job->finished = true;
+      job->done.notify_one();
+    }
+  }
+
+  std::mutex mutex;
+  std::condition_variable work;
+  std::deque<std::shared_ptr<lookup>> jobs;
+};
 
 }  // namespace
 
 lookup_result system_resolver::resolve(const std::string& host, unsigned short port, deadline until,
                                        const std::atomic<bool>* abandon) const {
   if (const auto numeric = address::parse(host, port)) return {{*numeric}, ""};
-  freeFinished();
-  auto r = std::make_unique<request>();
-  r->host = host;
-  r->service = std::to_string(port);
-  r->hints.ai_family = AF_UNSPEC;
-  r->hints.ai_socktype = SOCK_STREAM;
-  r->control.ar_name = r->host.c_str();
-  r->control.ar_service = r->service.c_str();
-  r->control.ar_request = &r->hints;
-  gaicb* list[] = {&r->control};
-  if (const int rc = getaddrinfo_a(GAI_NOWAIT, list, 1, nullptr); rc != 0) {
-    return {{}, gai_strerror(rc)};
+  const auto job = std::make_shared<lookup>(host, std::to_string(port));
+  lookup_thread::instance().submit(job);
+  std::unique_lock<std::mutex> lock(job->mutex);
+  while (!job->finished) {
+    if (abandoned(abandon)) return {{}, "", wait_end::abandoned};
+    if (clock_type::now() >= until) return {{}, "", wait_end::timedOut};
+    job->done.wait_until(
+        lock, abandon != nullptr ? std::min(until, clock_type::now() + checkInterval) : until);
   }
-  int rc = EAI_INPROGRESS;
-  for (wait_end end = wait_end::ready; (rc = gai_error(&r->control)) == EAI_INPROGRESS;) {
-    if (abandoned(abandon)) end = wait_end::abandoned;
-    if (msLeft(until) == 0) end = wait_end::timedOut;
-    if (end != wait_end::ready) {
-      if (gai_cancel(&r->control) != EAI_CANCELED) {
-        std::lock_guard<std::mutex> lock(leftMutex);
-        left.push_back(std::move(r));
-      }
-      return {{}, "", end};
-    }
-    // Woken by the answer, or at the end of a slice to look at the flag and the deadline.
-    const int ms =
-        std::min<int>(msLeft(until), abandon != nullptr ? checkInterval.count() : 1 << 30);
-    const timespec slice{ms / 1000, (ms % 1000) * 1'000'000L};
-    gai_suspend(list, 1, &slice);
+  if (job->rc != 0) {
+    return {{}, job->rc == EAI_SYSTEM ? std::strerror(job->error) : gai_strerror(job->rc)};
   }
-  if (rc != 0) return {{}, rc == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(rc)};
   lookup_result found;
-  for (const addrinfo* a = r->control.ar_result; a != nullptr; a = a->ai_next) {
+  for (const addrinfo* a = job->found; a != nullptr; a = a->ai_next) {
     found.addresses.push_back(address::of(a->ai_addr, a->ai_addrlen));
   }
   return found;

@@ -32,9 +32,9 @@ class resolver {
                                 const std::atomic<bool>* abandon) const = 0;
 };
 
-// The system's name service through glibc's getaddrinfo_a: the caller waits with its own
-// deadline, and starts no thread for it. A lookup given up that glibc has already begun is left
-// to finish, and freed by a later lookup.
+// The system's name service, asked by one thread of the process for every name in turn: the
+// caller waits with its own deadline, and a lookup it gives up is left to finish there. (glibc's
+// getaddrinfo_a would do the same on threads of glibc's own, which no thread sanitizer sees.)
 class system_resolver : public resolver {
  public:
   lookup_result resolve(const std::string& host, unsigned short port, deadline until,
