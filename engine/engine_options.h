@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "program_options.h"
+
 namespace ovengine {
 
 struct engine_options {
@@ -14,13 +16,13 @@ struct engine_options {
   int contexts = 4;
   double load = 0;  // generated events per second
   std::vector<std::pair<std::string, std::string>> userStatus;
-  bool help = false;
 };
 
 extern const char* const engineUsage;
 
-// Parses argv; false with `error` set on a bad command line.
-bool parseEngineOptions(int argc, char** argv, engine_options& options, std::string& error);
+// Reads argv into `options`; `error` says why a command line is refused.
+ovhttp::command_line parseEngineOptions(int argc, char** argv, engine_options& options,
+                                        std::string& error);
 
 }  // namespace ovengine
 

@@ -9,6 +9,7 @@
 #include "engine_options.h"
 #include "event_engine.h"
 #include "http_api.h"
+#include "support/version.h"
 
 namespace {
 
@@ -47,13 +48,18 @@ void generateLoad(ovengine::event_engine& engine, double perSecond, const bool& 
 int main(int argc, char** argv) {
   ovengine::engine_options options;
   std::string error;
-  if (!ovengine::parseEngineOptions(argc, argv, options, error)) {
-    std::cerr << "ovengine: " << error << "\n\n" << ovengine::engineUsage;
-    return 2;
-  }
-  if (options.help) {
-    std::cout << ovengine::engineUsage;
-    return 0;
+  switch (ovengine::parseEngineOptions(argc, argv, options, error)) {
+    case ovhttp::command_line::refused:
+      std::cerr << "ovengine: " << error << "\n\n" << ovengine::engineUsage;
+      return 2;
+    case ovhttp::command_line::help:
+      std::cout << ovengine::engineUsage;
+      return 0;
+    case ovhttp::command_line::version:
+      std::cout << "ovengine " VIGILO_VERSION_DETAIL "\n";
+      return 0;
+    case ovhttp::command_line::run:
+      break;
   }
 
   ovhttp::blockStopSignals();  // before any thread starts
@@ -86,9 +92,7 @@ int main(int argc, char** argv) {
                        std::ref(loadMutex));
   }
 
-  std::cout << "ovengine listening on "
-            << ovnet::host_port{options.bind, static_cast<unsigned short>(port)}.text()
-            << std::endl;
+  std::cout << "ovengine listening on " << server.boundTo() << std::endl;
   const bool served = ovhttp::serveUntilStopSignal(server);
 
   {

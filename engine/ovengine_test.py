@@ -161,6 +161,14 @@ def test_a_flood_is_bounded_and_counted(engine):
     eventually(dropped, "nothing was dropped")
 
 
-def test_refuses_a_bad_command_line(run):
-    status, out, err = run([program("ovengine"), "--contexts", "0"])
-    assert (status, out, err.splitlines()[0]) == (2, "", "ovengine: bad value for --contexts: 0")
+@pytest.mark.parametrize("args, status, stream, first", [
+    (["--contexts", "0"], 2, 2, "ovengine: bad value for --contexts: 0 (expected a whole number, "
+     "1 to 64)"),
+    (["--port=70000"], 2, 2, "ovengine: bad value for --port: 70000 (expected a port, 0 to 65535 "
+     "(0 picks a free one))"),
+    (["--bogus"], 2, 2, "ovengine: unknown option --bogus"),
+    (["-h"], 0, 1, "Usage: ovengine [--port=N] [--bind=ADDR] [--contexts=N] [--load=EVENTS_PER_S]"),
+])
+def test_refuses_a_bad_command_line_and_helps(run, args, status, stream, first):
+    result = run([program("ovengine"), *args])
+    assert (result[0], result[stream].splitlines()[0], result[3 - stream]) == (status, first, "")

@@ -6,20 +6,22 @@
 namespace exporter {
 
 const char* const exporterUsage =
-    "Usage: vigilo-exporter [--web.listen-address=HOST:PORT] [--allow-target=RULE]...\n"
-    "                       [--probe.timeout=DURATION] [--help] [--version]\n"
+    "Usage: vigilo-exporter [--web.listen-address=[HOST]:PORT] [--allow-target=RULE]...\n"
+    "                       [--probe.timeout=DURATION] [-h | --help] [--version]\n"
     "\n"
     "Serves the status of engines to Prometheus: GET /probe?target=HOST:PORT answers one\n"
-    "engine's metrics, GET /metrics the exporter's own.\n"
+    "engine's metrics, GET /metrics the exporter's own. An option's value follows it after '='\n"
+    "or as the next argument.\n"
     "\n"
-    "    --web.listen-address=HOST:PORT  where to serve (default 127.0.0.1:9903; port 0 picks\n"
-    "                                    a free one)\n"
+    "    --web.listen-address=[HOST]:PORT\n"
+    "                                    where to serve (default 127.0.0.1:9903; :PORT for\n"
+    "                                    every interface; port 0 picks a free one)\n"
     "    --allow-target=RULE             engines that may be probed: HOST, HOST:PORT or an\n"
     "                                    address range such as 10.0.0.0/8 (repeatable; default\n"
     "                                    loopback only)\n"
     "    --probe.timeout=DURATION        longest probe, such as 500ms or 10s (default 10s; a\n"
     "                                    shorter scrape timeout from Prometheus wins)\n"
-    "    --help                          this message\n"
+    "    -h, --help                      this message\n"
     "    --version                       the version\n";
 
 namespace {
@@ -39,7 +41,7 @@ bool duration(std::string_view text, std::chrono::milliseconds& out) {
 // A port of 0 asks for any free one.
 bool listenAddress(const std::string& text, exporter_options& options) {
   const auto where = ovnet::host_port::parse(text, /*anyPort=*/true);
-  if (!where || where->host.empty()) return false;
+  if (!where) return false;
   options.listenHost = where->host;
   options.listenPort = where->port;
   return true;
@@ -47,40 +49,17 @@ bool listenAddress(const std::string& text, exporter_options& options) {
 
 }  // namespace
 
-bool parseExporterOptions(int argc, char** argv, exporter_options& options, std::string& error) {
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "--help" || arg == "--version") {
-      (arg == "--help" ? options.help : options.version) = true;
-      return true;
-    }
-    std::string value;
-    if (const auto eq = arg.find('='); eq != std::string::npos && arg.starts_with("--")) {
-      value = arg.substr(eq + 1);
-      arg.resize(eq);
-    } else if (arg.starts_with("--") && i + 1 < argc) {
-      value = argv[++i];
-    } else {
-      error = arg.starts_with("--") ? arg + " needs a value" : "unknown argument " + arg;
-      return false;
-    }
-    bool good = false;
-    if (arg == "--web.listen-address") {
-      good = listenAddress(value, options);
-    } else if (arg == "--allow-target") {
-      good = options.allowed.add(value);
-    } else if (arg == "--probe.timeout") {
-      good = duration(value, options.probeTimeout);
-    } else {
-      error = "unknown argument " + arg;
-      return false;
-    }
-    if (!good) {
-      error = "bad value for " + arg + ": " + value;
-      return false;
-    }
-  }
-  return true;
+ovhttp::command_line parseExporterOptions(int argc, char** argv, exporter_options& options,
+                                          std::string& error) {
+  return ovhttp::readCommandLine(
+      argc, argv,
+      {{"--web.listen-address", "HOST:PORT or :PORT, such as 127.0.0.1:9903 or :9903",
+        [&](const std::string& v) { return listenAddress(v, options); }},
+       {"--allow-target", "HOST, HOST:PORT or an address range such as 10.0.0.0/8",
+        [&](const std::string& v) { return options.allowed.add(v); }},
+       {"--probe.timeout", "a duration such as 500ms, 10s or 2m, at most 60m",
+        [&](const std::string& v) { return duration(v, options.probeTimeout); }}},
+      error);
 }
 
 }  // namespace exporter

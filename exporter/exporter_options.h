@@ -5,23 +5,23 @@
 #include <chrono>
 #include <string>
 
+#include "program_options.h"
 #include "targets.h"
 
 namespace exporter {
 
 struct exporter_options {
-  std::string listenHost = "127.0.0.1";
-  unsigned short listenPort = 9903;  // 0: any free port
+  std::string listenHost = "127.0.0.1";  // empty: every interface
+  unsigned short listenPort = 9903;      // 0: any free port
   target_rules allowed;
   std::chrono::milliseconds probeTimeout{10000};
-  bool help = false;
-  bool version = false;
 };
 
 extern const char* const exporterUsage;
 
-// Parses argv; false with `error` set on a bad command line.
-bool parseExporterOptions(int argc, char** argv, exporter_options& options, std::string& error);
+// Reads argv into `options`; `error` says why a command line is refused.
+ovhttp::command_line parseExporterOptions(int argc, char** argv, exporter_options& options,
+                                          std::string& error);
 
 }  // namespace exporter
 

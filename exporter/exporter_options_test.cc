@@ -106,7 +106,16 @@ std::string parse(std::vector<std::string> args) {
   vigilo::test_support::argument_vector argv(args);
   exporter_options options;
   std::string error;
-  if (!parseExporterOptions(argv.argc(), argv.argv(), options, error)) return error;
+  switch (parseExporterOptions(argv.argc(), argv.argv(), options, error)) {
+    case ovhttp::command_line::refused:
+      return error;
+    case ovhttp::command_line::help:
+      return "help";
+    case ovhttp::command_line::version:
+      return "version";
+    case ovhttp::command_line::run:
+      break;
+  }
   std::string outcome;
   if (options.listenHost != "127.0.0.1" || options.listenPort != 9903) {
     outcome += "listen " + options.listenHost + " " + std::to_string(options.listenPort) + ";";
@@ -117,32 +126,36 @@ std::string parse(std::vector<std::string> args) {
   if (options.allowed.allowsAll({*ovnet::address::parse("10.1.1.1")})) {
     outcome += "allows 10.1.1.1;";
   }
-  if (options.help) outcome += "help;";
-  if (options.version) outcome += "version;";
   return outcome;
 }
 
+// Both forms of a value, every interface as :PORT, and a refusal that says what a good value
+// looks like.
 TEST(ExporterOptionsTest, TakesBothFormsAndRefusesTheRest) {
-  const std::string bad = "bad value for --";
+  const std::string listen = " (expected HOST:PORT or :PORT, such as 127.0.0.1:9903 or :9903)",
+                    rule = " (expected HOST, HOST:PORT or an address range such as 10.0.0.0/8)",
+                    duration = "a duration such as 500ms, 10s or 2m, at most 60m";
   // clang-format off
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{}, ""},
       {{"--web.listen-address=0.0.0.0:9100"}, "listen 0.0.0.0 9100;"},
       {{"--web.listen-address", "[::1]:0"}, "listen ::1 0;"},
+      {{"--web.listen-address=:9903"}, "listen  9903;"},
       {{"--allow-target=10.0.0.0/8", "--allow-target", "engine-1"}, "allows 10.1.1.1;"},
       {{"--probe.timeout=250ms"}, "timeout 250;"}, {{"--probe.timeout", "2m"}, "timeout 120000;"},
-      {{"--help", "--bogus"}, "help;"}, {{"--version"}, "version;"},
-      {{"--web.listen-address=9100"}, bad + "web.listen-address: 9100"},
-      {{"--web.listen-address=host:"}, bad + "web.listen-address: host:"},
-      {{"--allow-target=10.0.0.0/40"}, bad + "allow-target: 10.0.0.0/40"},
-      {{"--allow-target", "--probe.timeout=1s"}, bad + "allow-target: --probe.timeout=1s"},
-      {{"--probe.timeout=10"}, bad + "probe.timeout: 10"},
-      {{"--probe.timeout=0s"}, bad + "probe.timeout: 0s"},
-      {{"--probe.timeout=2h"}, bad + "probe.timeout: 2h"},
-      {{"--probe.timeout=61m"}, bad + "probe.timeout: 61m"},
-      {{"--probe.timeout"}, "--probe.timeout needs a value"},
-      {{"--web.listen_address=:1"}, "unknown argument --web.listen_address"},
-      {{"probe"}, "unknown argument probe"},
+      {{"-h", "--bogus"}, "help"}, {{"--help"}, "help"}, {{"--version"}, "version"},
+      {{"--web.listen-address=9100"}, "bad value for --web.listen-address: 9100" + listen},
+      {{"--web.listen-address=host:"}, "bad value for --web.listen-address: host:" + listen},
+      {{"--allow-target=10.0.0.0/33"}, "bad value for --allow-target: 10.0.0.0/33" + rule},
+      {{"--allow-target", "--probe.timeout=1s"},
+       "bad value for --allow-target: --probe.timeout=1s" + rule},
+      {{"--probe.timeout=10"}, "bad value for --probe.timeout: 10 (expected " + duration + ")"},
+      {{"--probe.timeout=0s"}, "bad value for --probe.timeout: 0s (expected " + duration + ")"},
+      {{"--probe.timeout=61m"}, "bad value for --probe.timeout: 61m (expected " + duration + ")"},
+      {{"--probe.timeout"}, "--probe.timeout needs a value: " + duration},
+      {{"--bogus"}, "unknown option --bogus"},
+      {{"--web.listen_address=:1"}, "unknown option --web.listen_address"},
+      {{"probe"}, "unexpected argument probe"},
   };
   // clang-format on
   for (const auto& [args, outcome] : cases) {

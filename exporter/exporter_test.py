@@ -3,6 +3,8 @@ Probes themselves are tested in prober_test.cc, the server's bounds in lib/ovhtt
 the program shows."""
 
 import http.client
+import os
+import re
 import shutil
 import signal
 import socket
@@ -12,10 +14,11 @@ from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
-from testing.programs import (BOUND, SCALE, VALGRIND, eventually, program, status_reply,
-                              under_valgrind)
+from testing.programs import (BOUND, SCALE, VALGRIND, Server, eventually, program,
+                              status_reply, under_valgrind)
 
 PROMTOOL = shutil.which("promtool")
+SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..")
 
 
 def get(port, path):
@@ -87,10 +90,41 @@ def test_a_stop_ends_probes_in_flight_within_a_second(exporter, scripted_engine,
         s.close()
 
 
+def exported(text):
+    return {line.split()[2] for line in text.splitlines() if line.startswith("# TYPE ")}
+
+
+def test_every_metric_is_documented_and_every_documented_one_exported(exporter, scripted_engine):
+    """The names a probe (of an engine that gives every text) and /metrics answer are the names
+    that vigilo-exporter(1) and docs/fleet.md give, and no others."""
+    engine = scripted_engine(lambda *_: status_reply([
+        ("uptime", "5"), ("persistenceNumSnapshots", "3"),
+        ("persistenceLastSnapshotTime", "1795341600123"),
+        ("persistenceSnapshotWaitTimeEwmaMillis", "1.5"), ("persistenceCommitTimeEwmaMillis", "2"),
+        ("persistenceLastSnapshotRowsChangedEwma", "4"), ("user-tier", "gold")]))
+    port = exporter().port
+    names = (exported(get(port, "/probe?target=127.0.0.1:%d" % engine.port)[2])
+             | exported(get(port, "/metrics")[2]))
+    for document in ("docs/man/vigilo-exporter.1.in", "docs/fleet.md"):
+        with open(os.path.join(SOURCE, document)) as text:
+            named = set(re.findall(r"(?<![:\w])((?:orvex|vigilo_exporter|process)_\w+)",
+                                   text.read()))
+        assert (document, names - named, named - names) == (document, set(), set())
+
+
+def test_serves_every_interface_for_a_port_alone(launch):
+    """:PORT listens on every interface, IPv4's among them, and says so in brackets."""
+    everywhere = launch(Server, [program("exporter"), "--web.listen-address=:0"], "vigilo-exporter")
+    assert everywhere.out.decode().startswith("vigilo-exporter listening on [::]:%d\n"
+                                              % everywhere.port)
+    assert get(everywhere.port, "/metrics")[0] == 200
+
+
 def test_refuses_a_bad_command_line(run):
     status, out, err = run([program("exporter"), "--probe.timeout", "0"])
     assert (status, out) == (2, "")
-    assert err.startswith("vigilo-exporter: bad value for --probe.timeout: 0\n\nUsage:")
+    assert err.startswith("vigilo-exporter: bad value for --probe.timeout: 0 (expected a duration "
+                          "such as 500ms, 10s or 2m, at most 60m)\n\nUsage:")
 
 
 def memory_kib(pid, field):

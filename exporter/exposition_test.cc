@@ -43,7 +43,8 @@ TEST(ExpositionTest, ShowsTheCatalogueAsMetrics) {
            "# HELP orvex_events_processed_total Events processed.\n"
            "# TYPE orvex_events_processed_total counter\n"
            "orvex_events_processed_total 4294967301\n",
-           "# TYPE orvex_persistence_snapshots gauge\norvex_persistence_snapshots 17\n",
+           "# TYPE orvex_persistence_snapshots_total counter\norvex_persistence_snapshots_total "
+           "17\n",
            "\norvex_persistence_last_snapshot_timestamp_seconds 1795341600\n",
            "\norvex_persistence_snapshot_wait_seconds 0.0015\n",
            "orvex_slowest_receiver_info{receiver=\"line1\\nline2\"} 1\n",
@@ -72,7 +73,7 @@ TEST(ExpositionTest, ReadsNumbersAndTimesFromTexts) {
       {"persistenceCommitTimeEwmaMillis", "250", "orvex_persistence_commit",
        "orvex_persistence_commit_seconds 0.25\n", 0},
       {"persistenceCommitTimeEwmaMillis", "nan", "orvex_persistence_commit", "", 1},
-      {"persistenceNumSnapshots", "12x", "orvex_persistence_snapshots", "", 1},
+      {"persistenceNumSnapshots", "12x", "orvex_persistence_snapshots_total", "", 1},
       // The start time is the probe's time less the uptime, in whole seconds.
       {"uptime", "5000", "orvex_start", "orvex_start_time_seconds 1799999995\n", 0},
       {"uptime", "4400", "orvex_start", "orvex_start_time_seconds 1799999996\n", 0},

@@ -45,17 +45,18 @@ int main(int argc, char** argv) {
   mallopt(M_MMAP_THRESHOLD, 256 * 1024);
   exporter::exporter_options options;
   std::string error;
-  if (!exporter::parseExporterOptions(argc, argv, options, error)) {
-    std::cerr << "vigilo-exporter: " << error << "\n\n" << exporter::exporterUsage;
-    return 2;
-  }
-  if (options.help) {
-    std::cout << exporter::exporterUsage;
-    return 0;
-  }
-  if (options.version) {
-    std::cout << "vigilo-exporter " VIGILO_VERSION_DETAIL "\n";
-    return 0;
+  switch (exporter::parseExporterOptions(argc, argv, options, error)) {
+    case ovhttp::command_line::refused:
+      std::cerr << "vigilo-exporter: " << error << "\n\n" << exporter::exporterUsage;
+      return 2;
+    case ovhttp::command_line::help:
+      std::cout << exporter::exporterUsage;
+      return 0;
+    case ovhttp::command_line::version:
+      std::cout << "vigilo-exporter " VIGILO_VERSION_DETAIL "\n";
+      return 0;
+    case ovhttp::command_line::run:
+      break;
   }
 
   ovhttp::blockStopSignals();  // before any thread starts
@@ -85,9 +86,7 @@ int main(int argc, char** argv) {
     const exporter::name_lookup names;
     exporter::prober probes(pool, names, options.allowed, maxProbes);
     exporter::installRoutes(server, probes, options.probeTimeout);
-    std::cout << "vigilo-exporter listening on "
-              << ovnet::host_port{options.listenHost, static_cast<unsigned short>(port)}.text()
-              << "\n"
+    std::cout << "vigilo-exporter listening on " << server.boundTo() << "\n"
               << "vigilo-exporter keeps up to " << maxIdle
               << " idle connections to engines (open file limit " << files << ")" << std::endl;
     served = ovhttp::serveUntilStopSignal(server, [&probes] { probes.stop(); });

@@ -139,8 +139,7 @@ def run(launch):
 @pytest.fixture
 def engine(launch):
     """Starts an ovengine on a free loopback port with the given options."""
-    return lambda *options: launch(Server, [program("ovengine"), "--port", "0", *options],
-                                   "ovengine")
+    return lambda *options: launch(Server, [program("ovengine"), "--port=0", *options], "ovengine")
 
 
 @pytest.fixture

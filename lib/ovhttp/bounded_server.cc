@@ -399,6 +399,12 @@ void bounded_server::route(const std::string& method, const std::string& path, h
 }
 
 int bounded_server::bindTo(const std::string& host, unsigned short port, std::string& error) {
+  // No host is every interface: IPv6's, which takes IPv4 too, or IPv4's on a machine without
+  // IPv6.
+  if (host.empty()) {
+    const int bound = bindTo("::", port, error);
+    return bound != 0 ? bound : bindTo("0.0.0.0", port, error);
+  }
   // A name is looked up as the machine's users would look it up, within a bound.
   const ovnet::lookup_result found = ovnet::system_resolver().resolve(
       host, port, ovnet::clock_type::now() + bindLookupTime, nullptr);
@@ -447,5 +453,12 @@ void bounded_server::shutdown() {
 }
 
 std::size_t bounded_server::openConnections() const { return self->open; }
+
+std::string bounded_server::boundTo() const {
+  error_code ignored;
+  const tcp::endpoint local = self->acceptor.local_endpoint(ignored);
+  return ovnet::host_port{ovnet::address::of(local.data(), local.size()).text(), local.port()}
+      .text();
+}
 
 }  // namespace ovhttp

@@ -93,10 +93,12 @@ class bounded_server {
   void route(const std::string& method, const std::string& path, handler h,
              route_options options = {});
 
-  // Binds to host:port, or to a free port when `port` is 0, with SO_REUSEADDR only: a port that
-  // another process serves is refused, not shared with it. The port bound, or 0 with `error`
-  // saying why ("address in use").
+  // Binds to host:port, every interface when `host` is empty, or a free port when `port` is 0,
+  // with SO_REUSEADDR only: a port that another process serves is refused, not shared with it.
+  // The port bound, or 0 with `error` saying why ("address in use").
   int bindTo(const std::string& host, unsigned short port, std::string& error);
+  // Where it is bound, as host:port (an IPv6 address in brackets), once bindTo has succeeded.
+  std::string boundTo() const;
   // Serves on the bound socket until shutdown(); false when accepting failed.
   bool serve();
   // Stops accepting and ends every connection. Any thread, any number of times, before or during

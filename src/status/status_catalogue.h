@@ -21,7 +21,7 @@ enum class value_kind {
 // How the exporter shows a value. A `_seconds` metric of a duration comes from the engine's
 // milliseconds.
 enum class metric_type {
-  counter,
+  counter,  // read from a number, or from a text that holds one
   gauge,
   info,       // the text as the one label of an `_info` metric whose value is 1
   number,     // a gauge read from a text that holds a decimal number
@@ -77,7 +77,7 @@ inline constexpr status_key statusCatalogue[] = {
     {"numOutEventsSent", value_kind::u64, true, "# Sent output events", 17, "Output events sent:",
      "orvex_output_events_sent_total", metric_type::counter, "Output events sent.", nullptr},
     {"persistenceNumSnapshots", value_kind::text, true, nullptr, 19, "Number of persistent snapshots:",
-     "orvex_persistence_snapshots", metric_type::number, "Persistent snapshots taken.", nullptr},
+     "orvex_persistence_snapshots_total", metric_type::counter, "Persistent snapshots taken.", nullptr},
     {"persistenceLastSnapshotTime", value_kind::text, true, nullptr, 20, "Last persistent snapshot time:",
      "orvex_persistence_last_snapshot_timestamp_seconds", metric_type::timestamp, "When the last persistent snapshot was taken.", nullptr},
     {"persistenceSnapshotWaitTimeEwmaMillis", value_kind::text, true, nullptr, 21, "Persistent snapshot wait time Millis (EWMA):",

@@ -1,0 +1,42 @@
+#include "program_options.h"
+
+#include <algorithm>
+
+namespace ovhttp {
+
+command_line readCommandLine(int argc, char** argv, const std::vector<program_option>& options,
+                             std::string& error) {
+  for (int i = 1; i < argc; ++i) {
+    std::string name = argv[i];
+    if (name == "-h" || name == "--help") return command_line::help;
+    if (name == "--version") return command_line::version;
+    if (!name.starts_with("--")) {
+      error = "unexpected argument " + name;
+      return command_line::refused;
+    }
+    const auto equals = name.find('=');
+    const bool joined = equals != std::string::npos;
+    std::string value = joined ? name.substr(equals + 1) : "";
+    if (joined) name.resize(equals);
+    const auto option = std::find_if(options.begin(), options.end(),
+                                     [&name](const program_option& o) { return o.name == name; });
+    if (option == options.end()) {
+      error = "unknown option " + name;
+      return command_line::refused;
+    }
+    if (!joined) {
+      if (i + 1 == argc) {
+        error = name + " needs a value: " + option->valid;
+        return command_line::refused;
+      }
+      value = argv[++i];
+    }
+    if (!option->take(value)) {
+      error = "bad value for " + name + ": " + value + " (expected " + option->valid + ")";
+      return command_line::refused;
+    }
+  }
+  return command_line::run;
+}
+
+}  // namespace ovhttp
