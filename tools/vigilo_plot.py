@@ -7,11 +7,11 @@ the processed events and the uptime between its points (its rate is their averag
 largest size of each queue. However long the logs and their lines, the memory stays the same.
 
 Time runs on across every file and restart. When the file names carry the time recording started
-(NAME-YYYYmmdd-HHMMSS.csv, as vigilo@.service names them) the picture shows clock time, otherwise
-the seconds recorded. When the uptime goes backwards the engine has restarted: the lines break
-there, under a marked vertical line. Heading lines may stand anywhere (they tell how many user
-columns follow); a line with another number of fields is skipped and counted. Fields are taken by
-position, never by the heading, which names only 21 of the 26 standard fields.
+(NAME-YYYYmmdd-HHMMSS.csv, as vigilo@.service names them) the picture shows that clock time,
+otherwise the seconds recorded. When the uptime goes backwards the engine has restarted: the
+lines break there, under a marked vertical line. Fields are taken by position, never by the
+heading, which names only 21 of the 26 standard fields; the user columns that follow them (-a)
+may come and go from one line to the next, and are not read. Heading lines may stand anywhere.
 
 Nothing vigilo-plot is given reaches gnuplot as a command: the picture's texts and its file name
 are handed over as gnuplot's script arguments, which it reads only as strings, and the script
@@ -19,6 +19,8 @@ itself holds only numbers besides vigilo-plot's own words.
 """
 
 import argparse
+import calendar
+import math
 import os
 import re
 import shutil
@@ -27,9 +29,9 @@ import sys
 import tempfile
 import time
 
-# The raw line's fields that the picture reads, by the engine's key: their positions (from 0), the
-# number of standard fields and the number of headings are the status catalogue's, which a test of
-# the documents holds them to.
+# The raw line's fields that the picture reads, by the engine's key: their positions (from 0) and
+# the number of standard fields are the status catalogue's, which a test of the documents holds
+# them to.
 FIELD = {
     "uptime": 0,
     "numQueuedInput": 8,
@@ -40,7 +42,6 @@ FIELD = {
     "slowestReceiverQueueSize": 25,
 }
 STANDARD_FIELDS = 26
-HEADINGS = 21
 UPTIME, PROCESSED = FIELD["uptime"], FIELD["numProcessed"]
 QUEUES = [  # (field index, name)
     (FIELD["numQueuedInput"], "input queue"),
@@ -54,6 +55,11 @@ HEADING = b"Uptime (ms),"
 MAX_LINE = 1 << 20
 UNIT_FILE = re.compile(r"^(.+)-(\d{8}-\d{6})\.csv$")
 CONTROL = re.compile(r"[\x00-\x1f\x7f]")
+PICTURES = (".png", ".svg")
+# Steps between the ticks of a time axis, in seconds: each a whole number of the unit its labels
+# show, so that no two labels read alike.
+TIME_STEPS = [1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 10800, 21600, 43200,
+              86400, 172800, 604800]
 
 
 class Picture:
@@ -65,7 +71,7 @@ class Picture:
         self.buckets = []  # [first x, last x, events, ms, queue maxima, starts a segment]
         self.restarts = []  # x of each restart, as many as there are buckets at most
         self.last = None  # (x, uptime, processed) of the last point
-        self.lines = self.skipped = self.long = self.segments = 0
+        self.lines = self.broken = self.long = self.segments = 0
 
     def add(self, x, uptime, processed, queues):
         restart = self.last is not None and uptime < self.last[1]
@@ -125,28 +131,23 @@ def lines(stream):
 
 def read(picture, stream, clock):
     """Adds the lines of one log; `clock` is when it was started, or None."""
-    expected = None
     base = first = None  # x and uptime where the file's time starts, or restarted
     for line in lines(stream):
         if line is None:
             picture.long += 1
             continue
-        if not line:
-            continue
-        fields = line.split(b",")
-        if line.startswith(HEADING):
-            expected = STANDARD_FIELDS + len(fields) - HEADINGS
+        if not line or line.startswith(HEADING):
             continue
         picture.lines += 1
-        if expected is None and len(fields) >= STANDARD_FIELDS:
-            expected = len(fields)
+        # The standard fields, and the user columns after them in one piece, unread.
+        fields = line.split(b",", STANDARD_FIELDS)
         try:
-            if len(fields) != expected:
+            if len(fields) < STANDARD_FIELDS:
                 raise ValueError
             uptime, processed = int(fields[UPTIME]), int(fields[PROCESSED])
             queues = [int(fields[index]) for index, _ in QUEUES]
-        except ValueError:
-            picture.skipped += 1
+        except ValueError:  # cut short, or shifted by a comma in a standard text
+            picture.broken += 1
             continue
         last = picture.last
         if base is None or uptime < last[1]:
@@ -155,6 +156,53 @@ def read(picture, stream, clock):
             fresh = base is None and clock is not None
             base, first = (clock if fresh else last[0] if last else 0.0), uptime
         picture.add(base + (uptime - first) / 1000.0, uptime, processed, queues)
+
+
+def si(value):
+    """A tick's number as people read it: 0, 500, 1.5k, 3.5M, never an exponent."""
+    for factor, prefix in ((1e9, "G"), (1e6, "M"), (1e3, "k")):
+        if abs(value) >= factor:
+            return "%g%s" % (round(value / factor, 3), prefix)
+    return "%g" % round(value, 3)
+
+
+def value_axis(top, whole):
+    """yrange and ytics for values from 0 to `top`: headroom above the largest, the bottom just
+    below 0 so that a series at 0 stands clear of the frame, and ticks from 0 in steps of 1, 2
+    or 5 times a power of ten (whole numbers when `whole`)."""
+    top = max(top * 1.12, 1.0)
+    rough = top / 5
+    power = 10 ** math.floor(math.log10(rough))
+    step = next(m * power for m in (1, 2, 5, 10) if m * power >= rough)
+    if whole:
+        step = max(1, round(step))
+    ticks = ", ".join('"%s" %r' % (si(i * step), i * step) for i in range(int(top / step) + 1))
+    return "set yrange [%r:%r]\nset ytics (%s)\n" % (-top * 0.03, top, ticks)
+
+
+# The picture's left and right margins, in characters, and the width of a character in pixels.
+MARGINS = (11, 27)
+CHARACTER = 9
+
+
+def time_axis(first, last, width, clock):
+    """xrange and xtics of the time axis, the same in both panels: as many ticks as their labels
+    leave room for, none labelled like another."""
+    span = max(last - first, 1)
+    if clock:
+        shown = lambda step: ("%H:%M:%S" if step < 60 else "%H:%M" if span < 86400
+                              else "%m-%d %H:%M" if step < 86400 else "%m-%d")
+    else:
+        shown = lambda step: "%%.0f"
+    room = width - sum(MARGINS) * CHARACTER
+    step = next((s for s in TIME_STEPS
+                 if span / s <= max(2, room // ((len(shown(s)) + 3) * CHARACTER))), TIME_STEPS[-1])
+    axis = "set xrange [%r:%r]\nset xtics %d, %d\n" % (first, max(last, first + 1),
+                                                        math.ceil(first / step) * step, step)
+    if not clock:
+        return axis + "set format x '%.0f'\nset xlabel 'recorded time (s)'\n"
+    return ("set xdata time\nset timefmt '%%s'\nset format x '%s'\nset xlabel 'clock time'\n"
+            % shown(step) + axis)
 
 
 def data_block(name, rows):
@@ -176,22 +224,21 @@ def gnuplot_script(picture, width, height, svg, clock):
         "set arrow from %.3f, graph 0 to %.3f, graph 1 nohead dashtype 2 linecolor 'gray40'\n"
         "set label 'restart' at %.3f, graph 0.97 right rotate by 90 offset -0.5, 0 "
         "textcolor 'gray40'\n" % (x, x, x) for x in picture.restarts)
-    if clock:
-        span = picture.buckets[-1][1] - picture.buckets[0][0]
-        shown = "%H:%M:%S" if span < 7200 else "%H:%M" if span < 86400 else "%m-%d %H:%M"
-        axis = ("set xdata time\nset timefmt '%%s'\nset format x '%s'\nset xlabel 'clock time'\n"
-                % shown)
-    else:
-        axis = "set xlabel 'recorded time (s)'\n"
+    top_rate = max((rate for _, rate in picture.rates()), default=0)
+    top_queue = max((max(b[4]) for b in picture.buckets), default=0)
     return (
         data_block("points", rows)
         + "set terminal %s size %d,%d noenhanced\n" % ("svg" if svg else "pngcairo", width, height)
         + "set output ARG2\nset datafile missing 'NaN'\n"
         + "set multiplot layout 2,1 title ARG1 noenhanced\n"
-        # Fixed margins, so that the two panels' x axes line up whatever their keys' widths.
-        + "set lmargin at screen 0.09\nset rmargin at screen 0.78\n"
-        + axis + marks + "set grid\nset key outside right top\n"
+        # Margins in characters, the same in both panels, so that their x axes line up and the
+        # labels and the longest key stay inside the picture.
+        + "set lmargin %d\nset rmargin %d\n" % MARGINS
+        + time_axis(picture.buckets[0][0], picture.buckets[-1][1], width, clock)
+        + marks + "set grid\nset key outside right top\n"
+        + value_axis(top_rate, False)
         + "set ylabel 'events/s'\nplot $points using 1:2 with lines title 'processed'\n"
+        + value_axis(top_queue, True)
         + "set ylabel 'events queued'\nplot %s\n" % queue_plots
         + "unset multiplot\n"
     )
@@ -206,10 +253,11 @@ def size(text):
 
 
 def start_of(log):
-    """When the log's recording started, from a file name as vigilo@.service writes it."""
+    """The clock time a log's recording started, from a file name as vigilo@.service writes it,
+    in seconds counted as gnuplot shows them."""
     found = UNIT_FILE.match(os.path.basename(log))
     try:
-        return found and time.mktime(time.strptime(found.group(2), "%Y%m%d-%H%M%S"))
+        return found and calendar.timegm(time.strptime(found.group(2), "%Y%m%d-%H%M%S"))
     except ValueError:
         return None
 
@@ -223,6 +271,25 @@ def default_title(logs):
         if name not in names:
             names.append(name)
     return ", ".join(names[:3]) + (" and %d more" % (len(names) - 3) if len(names) > 3 else "")
+
+
+def counted(n, what):
+    return "%d %s%s" % (n, what, "" if n == 1 else "s")
+
+
+def fail(text):
+    print("vigilo-plot: " + text, file=sys.stderr)
+    return 1
+
+
+def print_rates(picture):
+    """Every rate on standard output; a reader that stops early ends only the printing."""
+    try:
+        for x, rate in picture.rates():
+            print("%.3f %.2f" % (x, rate))
+        sys.stdout.flush()
+    except BrokenPipeError:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
 
 
 def main(argv):
@@ -242,7 +309,7 @@ def main(argv):
         if CONTROL.search(text):
             parser.error("%s holds a control character: %r" % (what, text))
     if CONTROL.search(args.output) or args.output.startswith("|") or \
-            not args.output.endswith((".png", ".svg")):
+            not args.output.lower().endswith(PICTURES):
         parser.error("the output must be a file named .png or .svg: %r" % args.output)
 
     picture = Picture(args.size[0])
@@ -253,30 +320,32 @@ def main(argv):
             with open(log, "rb") as stream:
                 read(picture, stream, start if clock else None)
         except OSError as error:
-            parser.error("cannot read %s: %s" % (log, error.strerror))
-    print("vigilo-plot: %d lines, %d skipped for a wrong number of fields, %d skipped for being "
-          "longer than %d bytes, %d segments"
-          % (picture.lines, picture.skipped, picture.long, MAX_LINE, picture.segments),
+            print("vigilo-plot: cannot read %s: %s" % (log, error.strerror), file=sys.stderr)
+            return 2
+    print("vigilo-plot: %s, %s skipped, %s longer than %d bytes skipped, %s"
+          % (counted(picture.lines, "line"), counted(picture.broken, "broken line"),
+             counted(picture.long, "line"), MAX_LINE, counted(picture.segments, "segment")),
           file=sys.stderr)
     if args.rates:
-        for x, rate in picture.rates():
-            print("%.3f %.2f" % (x, rate))
+        print_rates(picture)
     if not picture.rates():
-        print("vigilo-plot: fewer than two lines to draw from", file=sys.stderr)
-        return 1
+        return fail("fewer than two lines to draw from")
     gnuplot = shutil.which("gnuplot")
     if gnuplot is None:
-        print("vigilo-plot: gnuplot not found; install gnuplot-nox", file=sys.stderr)
-        return 1
+        return fail("gnuplot not found; install gnuplot-nox")
+    try:
+        open(args.output, "wb").close()
+    except OSError as error:
+        return fail("cannot write %s: %s" % (args.output, error.strerror))
     title = args.title if args.title is not None else default_title(args.logs)
     with tempfile.NamedTemporaryFile("w", suffix=".gp") as script:
-        script.write(gnuplot_script(picture, *args.size, args.output.endswith(".svg"), clock))
+        script.write(gnuplot_script(picture, *args.size, args.output.lower().endswith(".svg"),
+                                    clock))
         script.flush()
         result = subprocess.run([gnuplot, "-c", script.name, title, args.output], text=True,
                                 stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False)
-    if result.returncode != 0 or not os.path.exists(args.output):
-        print("vigilo-plot: gnuplot failed: " + result.stderr.strip(), file=sys.stderr)
-        return 1
+    if result.returncode != 0 or os.path.getsize(args.output) == 0:
+        return fail("gnuplot could not draw %s: %s" % (args.output, result.stderr.strip()))
     return 0
 
 

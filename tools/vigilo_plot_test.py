@@ -1,27 +1,24 @@
-#!/usr/bin/python3
 """vigilo-plot over a log recorded from a real ovengine, over logs written to be awkward or hostile,
-and the gnuplot script it writes."""
+and the axes it gives the picture."""
 
 import importlib.util
 import os
+import re
 import signal
 import statistics
 import struct
 import subprocess
 import sys
-import tempfile
-import unittest
+import time
+
+import pytest
+
+from testing.programs import BOUND, Process, eventually, program
 
 PLOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "vigilo_plot.py")
 LOADING = importlib.util.spec_from_file_location("vigilo_plot", PLOT)
 vigilo_plot = importlib.util.module_from_spec(LOADING)
 LOADING.loader.exec_module(vigilo_plot)
-VIGILO, OVENGINE = os.environ["VIGILO_BINARY"], os.environ["OVENGINE_BINARY"]
-
-
-def plot(*args, env=None, cwd=None):
-    return subprocess.run([sys.executable, PLOT, *args], capture_output=True, text=True, timeout=60,
-                          env=env, cwd=cwd)
 
 
 def line(uptime, processed, users=()):
@@ -30,132 +27,153 @@ def line(uptime, processed, users=()):
     return ",".join(fields + list(users)) + "\n"
 
 
-class VigiloPlotTest(unittest.TestCase):
-    def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.path = lambda name: os.path.join(directory.name, name)
+def summary(lines, broken, long, segments):
+    plural = lambda n, what: "%d %s%s" % (n, what, "" if n == 1 else "s")
+    return ("vigilo-plot: %s, %s skipped, %s longer than 1048576 bytes skipped, %s\n"
+            % (plural(lines, "line"), plural(broken, "broken line"), plural(long, "line"),
+               plural(segments, "segment")))
 
-    def summary(self, lines, wrong, long, segments):
-        return ("vigilo-plot: %d lines, %d skipped for a wrong number of fields, %d skipped for "
-                "being longer than 1048576 bytes, %d segments\n" % (lines, wrong, long, segments))
 
-    def test_rates_of_a_real_engine_follow_its_load(self):
-        engine = subprocess.Popen([OVENGINE, "--port", "0", "--load", "5000"],
-                                  stdout=subprocess.PIPE, text=True)
-        self.addCleanup(engine.stdout.close)
-        self.addCleanup(engine.wait)
-        self.addCleanup(engine.terminate)
-        port = engine.stdout.readline().rsplit(":", 1)[1].strip()
-        log = self.path("engine.csv")
-        watch = subprocess.Popen([VIGILO, "-n", "127.0.0.1", "-p", port, "-r", "-t", "-i", "200",
-                                  "-f", log], stderr=subprocess.DEVNULL)
-        try:
-            watch.wait(timeout=3)
-        except subprocess.TimeoutExpired:
-            watch.send_signal(signal.SIGINT)
-        self.assertEqual(watch.wait(timeout=10), 0)
-        result = plot("--rates", "-s", "640x480", "-o", self.path("engine.png"), log)
-        self.assertEqual(result.returncode, 0, result.stderr)
-        rates = [float(row.split()[1]) for row in result.stdout.splitlines()]
-        self.assertGreaterEqual(len(rates), 8)
-        self.assertLess(abs(statistics.median(rates) - 5000), 500, rates)
-        with open(self.path("engine.png"), "rb") as picture:
-            header = picture.read(24)
-        self.assertEqual(header[:8], b"\x89PNG\r\n\x1a\n")
-        self.assertEqual(struct.unpack(">II", header[16:24]), (640, 480))
+@pytest.fixture
+def plot(run, tmp_path):
+    """vigilo-plot run in `tmp_path`, with `env` for its environment."""
+    return lambda *args, env=None: run([sys.executable, PLOT, *args], timeout=BOUND * 3,
+                                       cwd=tmp_path, env=env)
 
-    def test_headings_user_columns_restarts_and_broken_lines(self):
-        log = self.path("awkward.csv")
+
+def test_rates_of_a_real_engine_follow_its_load(plot, engine, launch, tmp_path):
+    ovengine = engine("--load", "5000")
+    log = tmp_path / "engine.csv"
+    watch = launch(Process, [program("vigilo"), "-n", "127.0.0.1", "-p", str(ovengine.port),
+                             "-r", "-t", "-i", "200", "-f", str(log)])
+    eventually(lambda: log.exists() and log.read_text().count("\n") >= 10,
+               "vigilo recorded too little")  # the heading and nine polls
+    watch.signal(signal.SIGINT)
+    assert watch.finish()[0] == 0
+    status, out, err = plot("--rates", "-s", "640x480", "-o", "engine.PNG", str(log))
+    assert status == 0, err
+    rates = [float(row.split()[1]) for row in out.splitlines()]
+    assert len(rates) >= 8 and abs(statistics.median(rates) - 5000) < 500, rates
+    header = (tmp_path / "engine.PNG").read_bytes()[:24]
+    assert (header[:8], struct.unpack(">II", header[16:24])) == (b"\x89PNG\r\n\x1a\n", (640, 480))
+
+
+def test_user_columns_restarts_and_broken_lines(plot, tmp_path):
+    """User columns come and go, and a user value may hold a comma: every line with the standard
+    fields is drawn. A line cut short is skipped and counted; a restart starts a segment."""
+    heading = "Uptime (ms)," + ",".join(["h"] * 20)
+    (tmp_path / "awkward.csv").write_text(
+        heading + ",user-a\n" + line(1000, 0, ["x"]) + line(2000, 500, ["y"])
+        + line(3000, 900, ["a,b"]) + heading + "\n" + line(4000, 1500) + "cut,short\n"
+        + line(500, 0) + line(1500, 2000, ["new", "columns"]))
+    status, out, err = plot("--rates", "-o", "awkward.svg", "-s", "800x600", "awkward.csv")
+    assert (status, err) == (0, summary(7, 1, 0, 2))
+    # Recorded time from 0, running on across the restart.
+    assert out == "1.000 500.00\n2.000 400.00\n3.000 600.00\n4.000 2000.00\n"
+    assert 'width="800" height="600"' in (tmp_path / "awkward.svg").read_text()
+
+
+@pytest.mark.parametrize("args, status, err", [
+    (["-o", "/nonexistent/x.png", "two.csv"], 1,
+     "vigilo-plot: cannot write /nonexistent/x.png: No such file or directory"),
+    (["-o", "x.png", "one.csv"], 1, "vigilo-plot: fewer than two lines to draw from"),
+    (["-o", "x.png", "absent.csv"], 2, "vigilo-plot: cannot read absent.csv: No such file or "
+     "directory"),
+    (["-o", "x.jpg", "two.csv"], 2, "vigilo-plot: error: the output must be a file named .png or "
+     ".svg: 'x.jpg'"),
+])
+def test_refusals_say_why_in_one_line(plot, tmp_path, args, status, err):
+    (tmp_path / "one.csv").write_text(line(1000, 5))
+    (tmp_path / "two.csv").write_text(line(1000, 5) + line(2000, 10))
+    result = plot(*args)
+    assert (result[0], result[2].splitlines()[-1]) == (status, err)
+    assert "Traceback" not in result[2]
+
+
+def test_a_reader_that_stops_early_and_a_missing_gnuplot(plot, tmp_path):
+    log = tmp_path / "long.csv"
+    log.write_text("".join(line(1000 * i, 100 * i) for i in range(1, 100)))
+    piped = subprocess.run("%s %s --rates -o p.png long.csv | head -n 3" % (sys.executable, PLOT),
+                           shell=True, cwd=tmp_path, capture_output=True, text=True, timeout=BOUND)
+    assert (piped.stdout.count("\n"), piped.stderr) == (3, summary(99, 0, 0, 1))
+    assert (tmp_path / "p.png").stat().st_size > 0
+    status, _, err = plot("-o", "p.png", "long.csv", env=dict(os.environ, PATH="/nonexistent"))
+    assert (status, err.splitlines()[-1]) == (1, "vigilo-plot: gnuplot not found; install "
+                                                 "gnuplot-nox")
+
+
+def test_nothing_it_is_given_runs_a_command(plot, tmp_path):
+    run = "touch ran #"  # in the test's directory; "#" ends the command
+    cases = [  # title, output, a text field of the log, the log's name; its exit status
+        ("x\n!" + run, "a.png", "t", "a.csv", 2),
+        ("x`%s`" % run, "b.png", "t", "b.csv", 0),
+        ("x'; system('%s'); '" % run, "c.svg", "t", "c.csv", 0),
+        (None, "d\n!%s.png" % run, "t", "d.csv", 2),
+        (None, "|%s; echo .png" % run, "t", "e.csv", 2),
+        (None, "f`%s`.png" % run, "t", "f.csv", 0),
+        (None, "g.png", 'system("%s") `%s`' % (run, run), "g.csv", 0),
+        (None, "h.png", "t", "h'`%s`\".csv" % run, 0),
+        (None, "i.png", "t", "i\n!%s.csv" % run, 2),
+    ]
+    for title, output, text, name, status in cases:
+        (tmp_path / name).write_text((line(1000, 0) + line(2000, 500)).replace(",t,",
+                                                                            "," + text + ","))
+        args = (["-t", title] if title is not None else []) + ["-o", output, name]
+        assert plot(*args)[0] == status, args
+        assert not (tmp_path / "ran").exists(), args
+
+
+def test_memory_holds_whatever_the_lines_and_the_logs(plot, tmp_path):
+    (tmp_path / "short.csv").write_text(line(1000, 0) + line(2000, 500))
+    with open(tmp_path / "long.csv", "w") as out:
+        out.write(line(1000, 0) + "9" * (50 << 20) + "\n")
+        for i in range(1, 200000):
+            out.write(line(1000 + 100 * i, 50 * i))
+
+    def peak(log):  # of vigilo-plot and gnuplot, in a process of their own
+        measure = ("import resource, subprocess, sys; subprocess.run(sys.argv[1:], "
+                   "capture_output=True); print(resource.getrusage("
+                   "resource.RUSAGE_CHILDREN).ru_maxrss)")
+        return int(subprocess.run([sys.executable, "-c", measure, sys.executable, PLOT, "-o",
+                                   str(tmp_path / "m.png"), str(log)], capture_output=True,
+                                  text=True).stdout)
+
+    assert plot("-o", "m.png", "long.csv")[2] == summary(200000, 0, 1, 1)
+    assert peak(tmp_path / "long.csv") < peak(tmp_path / "short.csv") * 1.25
+
+
+def test_restarts_and_the_title_come_from_the_logs(tmp_path):
+    logs = [str(tmp_path / "orders-20261123-140000.csv"), str(tmp_path / "orders-20261123-140230.csv")]
+    for log in logs:
         with open(log, "w") as out:
-            out.write("Uptime (ms)," + ",".join(["h"] * 20) + ",user-a\n")
-            out.write(line(1000, 0, ["x"]) + line(2000, 500, ["y"]))
-            out.write(line(3000, 900, ["a,b"]))  # a comma in a user value: one field too many
-            out.write("Uptime (ms)," + ",".join(["h"] * 20) + "\n")  # the user column went
-            out.write(line(3000, 1500) + "cut,short\n")
-            out.write(line(500, 0) + line(1500, 2000))  # the engine restarted
-        result = plot("--rates", "-o", self.path("awkward.svg"), "-s", "800x600", log)
-        self.assertEqual(result.returncode, 0, result.stderr)
-        # Recorded time from 0, running on across the restart.
-        self.assertEqual(result.stdout, "1.000 500.00\n2.000 1000.00\n3.000 2000.00\n")
-        self.assertEqual(result.stderr, self.summary(7, 2, 0, 2))
-        with open(self.path("awkward.svg")) as picture:
-            self.assertIn('width="800" height="600"', picture.read())
-        # Nothing to draw from one line, and no picture in a format it does not know.
-        with open(self.path("one.csv"), "w") as out:
-            out.write(line(1000, 5))
-        self.assertEqual(plot("-o", self.path("one.png"), self.path("one.csv")).returncode, 1)
-        self.assertNotEqual(plot("-o", self.path("x.jpg"), log).returncode, 0)
-
-    def test_nothing_it_is_given_runs_a_command(self):
-        marker, run = self.path("ran"), "touch ran #"  # in the marker's directory; "#" ends it
-        cases = [  # title, output, a text field of the log, the log's name; its exit status
-            ("x\n!" + run, "a.png", "t", "a.csv", 2),
-            ("x`%s`" % run, "b.png", "t", "b.csv", 0),
-            ("x'; system('%s'); '" % run, "c.svg", "t", "c.csv", 0),
-            (None, "d\n!%s.png" % run, "t", "d.csv", 2),
-            (None, "|%s; echo .png" % run, "t", "e.csv", 2),
-            (None, "f`%s`.png" % run, "t", "f.csv", 0),
-            (None, "g.png", 'system("%s") `%s`' % (run, run), "g.csv", 0),
-            (None, "h.png", "t", "h'`%s`\".csv" % run, 0),
-            (None, "i.png", "t", "i\n!%s.csv" % run, 2),
-        ]
-        for title, output, text, name, status in cases:
-            log = self.path(name)
-            with open(log, "w") as out:
-                out.write((line(1000, 0) + line(2000, 500)).replace(",t,", "," + text + ","))
-            args = (["-t", title] if title is not None else []) + ["-o", output, log]
-            result = plot(*args, cwd=os.path.dirname(marker))
-            self.assertFalse(os.path.exists(marker), args)
-            self.assertEqual(result.returncode, status, (args, result.stderr))
-
-    def test_memory_holds_whatever_the_lines_and_the_logs(self):
-        short = self.path("short.csv")
-        with open(short, "w") as out:
-            out.write(line(1000, 0) + line(2000, 500))
-        long = self.path("long.csv")
-        with open(long, "w") as out:
-            out.write(line(1000, 0) + "9" * (50 << 20) + "\n")
-            for i in range(1, 200000):
-                out.write(line(1000 + 100 * i, 50 * i))
-
-        def peak(log):  # of vigilo-plot and gnuplot, in a process of their own
-            measure = ("import resource, subprocess, sys; subprocess.run(sys.argv[1:], "
-                       "capture_output=True); print(resource.getrusage("
-                       "resource.RUSAGE_CHILDREN).ru_maxrss)")
-            return int(subprocess.run([sys.executable, "-c", measure, sys.executable, PLOT, "-o",
-                                       self.path("m.png"), log], capture_output=True,
-                                      text=True).stdout)
-
-        self.assertEqual(plot("-o", self.path("m.png"), long).stderr,
-                         self.summary(200000, 0, 1, 1))
-        self.assertLess(peak(long), peak(short) * 1.25)
-
-    def test_the_picture_it_draws(self):
-        logs = [self.path("orders-20261123-140000.csv"), self.path("orders-20261123-140230.csv")]
-        for log, uptimes in zip(logs, [(1000, 151000), (1000, 151000)]):
-            with open(log, "w") as out:
-                out.write(line(uptimes[0], 0) + line(uptimes[1], 3000000))
-        picture = vigilo_plot.Picture(600)
-        start = vigilo_plot.start_of(logs[0])
-        for log in logs:
-            with open(log, "rb") as stream:
-                vigilo_plot.read(picture, stream, vigilo_plot.start_of(log))
-        self.assertEqual(picture.restarts, [start + 150])
-        script = vigilo_plot.gnuplot_script(picture, 1200, 800, False, True)
-        self.assertIn("set output ARG2\n", script)
-        self.assertIn("set multiplot layout 2,1 title ARG1 noenhanced\n", script)
-        self.assertIn("set lmargin at screen 0.09\nset rmargin at screen 0.78\n", script)
-        self.assertIn("set xdata time\nset timefmt '%s'\nset format x '%H:%M:%S'\n", script)
-        self.assertIn("set arrow from %.3f, graph 0 to %.3f, graph 1 nohead" % (start + 150,
-                                                                               start + 150), script)
-        self.assertIn("$points << EOD\n%.3f NaN" % start, script)
-        self.assertEqual(vigilo_plot.default_title(logs), "orders")
-        # Without gnuplot, a reason and status 1.
-        result = plot("-o", self.path("p.png"), *logs, env=dict(os.environ, PATH="/nonexistent"))
-        self.assertEqual((result.returncode, result.stderr.splitlines()[-1]),
-                         (1, "vigilo-plot: gnuplot not found; install gnuplot-nox"))
+            out.write(line(1000, 0) + line(151000, 3000000))
+    picture = vigilo_plot.Picture(600)
+    for log in logs:
+        with open(log, "rb") as stream:
+            vigilo_plot.read(picture, stream, vigilo_plot.start_of(log))
+    assert picture.restarts == [vigilo_plot.start_of(logs[0]) + 150]
+    assert vigilo_plot.default_title(logs) == "orders"
 
 
-if __name__ == "__main__":
-    unittest.main()
+@pytest.mark.parametrize("value, shown", [
+    (0, "0"), (0.25, "0.25"), (500, "500"), (1500, "1.5k"), (3500000, "3.5M"), (2e9, "2G")])
+def test_numbers_read_plainly(value, shown):
+    assert vigilo_plot.si(value) == shown
+
+
+@pytest.mark.parametrize("top", [0, 1, 6000, 3.5e6])
+def test_no_series_lies_on_the_frame(top):
+    """The top has headroom, the bottom stands below 0, and the ticks start at 0."""
+    axis = vigilo_plot.value_axis(top, whole=True)
+    low, high = map(float, re.search(r"yrange \[(\S+):(\S+)\]", axis).groups())
+    ticks = [float(t) for t in re.findall(r'" (\S+?)[,)]', axis)]
+    assert low < 0 < high and top < high and ticks[0] == 0 and ticks[-1] <= high
+
+
+@pytest.mark.parametrize("span", [10, 300, 7200, 2 * 86400])
+def test_clock_ticks_never_read_alike(span):
+    axis = vigilo_plot.time_axis(1795341600, 1795341600 + span, 1200, clock=True)
+    shown = re.search(r"set format x '(.*)'", axis).group(1)
+    start, step = map(int, re.search(r"set xtics (\d+), (\d+)", axis).groups())
+    labels = [time.strftime(shown, time.gmtime(t)) for t in range(start, 1795341600 + span + 1, step)]
+    assert 2 <= len(labels) <= 12 and len(set(labels)) == len(labels), labels
