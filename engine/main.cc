@@ -48,18 +48,10 @@ void generateLoad(ovengine::event_engine& engine, double perSecond, const bool& 
 int main(int argc, char** argv) {
   ovengine::engine_options options;
   std::string error;
-  switch (ovengine::parseEngineOptions(argc, argv, options, error)) {
-    case ovhttp::command_line::refused:
-      std::cerr << "ovengine: " << error << "\n\n" << ovengine::engineUsage;
-      return 2;
-    case ovhttp::command_line::help:
-      std::cout << ovengine::engineUsage;
-      return 0;
-    case ovhttp::command_line::version:
-      std::cout << "ovengine " VIGILO_VERSION_DETAIL "\n";
-      return 0;
-    case ovhttp::command_line::run:
-      break;
+  const ovhttp::command_line outcome = ovengine::parseEngineOptions(argc, argv, options, error);
+  if (const auto status = ovhttp::endOfCommandLine(
+          outcome, error, {"ovengine", ovengine::engineUsage, VIGILO_VERSION_DETAIL})) {
+    return *status;
   }
 
   ovhttp::blockStopSignals();  // before any thread starts

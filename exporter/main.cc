@@ -45,18 +45,10 @@ int main(int argc, char** argv) {
   mallopt(M_MMAP_THRESHOLD, 256 * 1024);
   exporter::exporter_options options;
   std::string error;
-  switch (exporter::parseExporterOptions(argc, argv, options, error)) {
-    case ovhttp::command_line::refused:
-      std::cerr << "vigilo-exporter: " << error << "\n\n" << exporter::exporterUsage;
-      return 2;
-    case ovhttp::command_line::help:
-      std::cout << exporter::exporterUsage;
-      return 0;
-    case ovhttp::command_line::version:
-      std::cout << "vigilo-exporter " VIGILO_VERSION_DETAIL "\n";
-      return 0;
-    case ovhttp::command_line::run:
-      break;
+  const ovhttp::command_line outcome = exporter::parseExporterOptions(argc, argv, options, error);
+  if (const auto status = ovhttp::endOfCommandLine(
+          outcome, error, {"vigilo-exporter", exporter::exporterUsage, VIGILO_VERSION_DETAIL})) {
+    return *status;
   }
 
   ovhttp::blockStopSignals();  // before any thread starts

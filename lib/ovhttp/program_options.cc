@@ -1,6 +1,7 @@
 #include "program_options.h"
 
 #include <algorithm>
+#include <iostream>
 
 namespace ovhttp {
 
@@ -37,6 +38,24 @@ command_line readCommandLine(int argc, char** argv, const std::vector<program_op
     }
   }
   return command_line::run;
+}
+
+std::optional<int> endOfCommandLine(command_line outcome, const std::string& error,
+                                    const program_text& program) {
+  switch (outcome) {
+    case command_line::refused:
+      std::cerr << program.name << ": " << error << "\n\n" << program.usage;
+      return 2;
+    case command_line::help:
+      std::cout << program.usage;
+      return 0;
+    case command_line::version:
+      std::cout << program.name << " " << program.version << "\n";
+      return 0;
+    case command_line::run:
+      break;
+  }
+  return std::nullopt;
 }
 
 }  // namespace ovhttp

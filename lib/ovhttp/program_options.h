@@ -5,6 +5,7 @@
 #define VIGILO_LIB_OVHTTP_PROGRAM_OPTIONS_H_
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,19 @@ enum class command_line { run, help, version, refused };
 // Reads argv[1..]; on `refused`, `error` says why ("unknown option --bogus").
 command_line readCommandLine(int argc, char** argv, const std::vector<program_option>& options,
                              std::string& error);
+
+// What a program says of itself: its name, its usage text and its version detail.
+struct program_text {
+  const char* name;
+  const char* usage;
+  const char* version;
+};
+
+// Ends a program's reading of its command line as both programs end it: help or version on
+// standard output and status 0, a refusal and the usage on standard error and status 2. The exit
+// status, or nullopt when the program is to run.
+std::optional<int> endOfCommandLine(command_line outcome, const std::string& error,
+                                    const program_text& program);
 
 }  // namespace ovhttp
 
