@@ -129,6 +129,19 @@ run_result runProcess(const std::vector<std::string>& argv, std::chrono::millise
   return child_process(argv).finish(timeout);
 }
 
+bench_arguments readArguments(int argc, char** argv) {
+  bench_arguments read;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.starts_with("--baseline=")) {
+      read.baseline = arg.substr(11);
+    } else {
+      read.rest.push_back(arg);
+    }
+  }
+  return read;
+}
+
 std::vector<std::string> redirected(const std::string& redirect, std::vector<std::string> argv) {
   argv.insert(argv.begin(), {"/bin/sh", "-c", "exec \"$@\" " + redirect, "sh"});
   return argv;

@@ -56,6 +56,14 @@ class child_process {
 run_result runProcess(const std::vector<std::string>& argv,
                       std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
+// A benchmark's command line: another build's program to measure beside this one's, named by
+// --baseline=PATH, and the other arguments in order.
+struct bench_arguments {
+  std::string baseline;
+  std::vector<std::string> rest;
+};
+bench_arguments readArguments(int argc, char** argv);
+
 // `argv` run with its stdout redirected by the shell, as in ">/dev/full", ">&-" or ">FILE"; the
 // shell execs the program, so its pid is the program's.
 std::vector<std::string> redirected(const std::string& redirect, std::vector<std::string> argv);

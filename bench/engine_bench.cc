@@ -67,16 +67,9 @@ std::pair<double, bool> sustained(double load, double seconds) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  double seconds = 2.0;
-  std::string baseline;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg.rfind("--baseline=", 0) == 0) {
-      baseline = arg.substr(11);
-    } else {
-      seconds = std::atof(argv[i]);
-    }
-  }
+  const vigilo::bench::bench_arguments arguments = vigilo::bench::readArguments(argc, argv);
+  const std::string& baseline = arguments.baseline;
+  const double seconds = arguments.rest.empty() ? 2.0 : std::atof(arguments.rest.back().c_str());
   engineInit("engine_bench");
   std::printf("%-34s %14s", "status requests, one poller", "requests/s");
   if (!baseline.empty()) std::printf(" %14s %8s", "baseline", "ratio");

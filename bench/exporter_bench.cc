@@ -29,22 +29,25 @@
 #include "bench_process.h"
 #include "http_connection.h"
 #include "status/status_catalogue.h"
-#include "testing/fake_engine.h"
 
 namespace {
 
 using clock_type = std::chrono::steady_clock;
 
+std::string answer(const std::string& body) {
+  return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
 // N engines on loopback that answer /ping and /status on kept-alive connections, from one thread.
 class fleet {
  public:
   explicit fleet(int engines) {
-    std::vector<std::pair<std::string, std::string>> pairs;
-    for (const auto& key : com::orvex::engine::statusCatalogue)
-      pairs.emplace_back(key.key, "12345");
-    pairs.emplace_back("user-region", "emea");
-    status = vigilo::test_support::statusReply(pairs).bytes;
-    pong = vigilo::test_support::httpReply(200, "OK", "pong").bytes;
+    std::string pairs = "[\"user-region\",\"emea\"]";
+    for (const auto& key : com::orvex::engine::statusCatalogue) {
+      pairs += ",[\"" + std::string(key.key) + "\",\"12345\"]";
+    }
+    status = answer("{\"status\":[" + pairs + "]}");
+    pong = answer("pong");
     poller = epoll_create1(EPOLL_CLOEXEC);
     for (int i = 0; i < engines; ++i) {
       const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -228,16 +231,10 @@ struct exporter_pair {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const vigilo::bench::bench_arguments arguments = vigilo::bench::readArguments(argc, argv);
+  const std::string& baseline = arguments.baseline;
   std::vector<int> sizes;
-  std::string baseline;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg.rfind("--baseline=", 0) == 0) {
-      baseline = arg.substr(11);
-    } else {
-      sizes.push_back(std::atoi(argv[i]));
-    }
-  }
+  for (const std::string& size : arguments.rest) sizes.push_back(std::atoi(size.c_str()));
   if (sizes.empty()) sizes = {10, 100, 1000};
   const int clientCount = 8;
 
