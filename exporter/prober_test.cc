@@ -1,7 +1,10 @@
 // Probes, their name lookups and descriptors, against scripted engines on loopback.
 #include "prober.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,27 +13,60 @@
 #include <map>
 #include <regex>
 
+#include "bounded_server.h"
 #include "name_lookup.h"
-#include "testing/fake_engine.h"
+#include "testing/eventually.h"
 
 namespace exporter {
 namespace {
 
 using namespace std::chrono_literals;
-using namespace vigilo::test_support;
 
-// The sanitizer builds run several times slower: their time bounds are this much wider.
-constexpr int slower = VIGILO_TIME_SCALE;
+using vigilo::test_support::eventually;
+using vigilo::test_support::slower;
 
-fake_reply engineAnswer(const std::string&, int) { return statusReply({{"numProcessed", "42"}}); }
-fake_reply silentStatus(const std::string&, int) { return {"", false, true}; }
+// An engine on loopback that answers every status request.
+struct engine {
+  engine() {
+    server.route("GET", "/status", [this](const ovhttp::request&, ovhttp::response& res) {
+      ++requests;
+      res.body = R"({"status": [["numProcessed", "42"]]})";
+    });
+    std::string why;
+    port = static_cast<unsigned short>(server.bindTo("127.0.0.1", 0, why));
+    serving = std::thread([this] { server.serve(); });
+  }
+  ~engine() {
+    server.shutdown();
+    serving.join();
+  }
+  ovhttp::bounded_server server;
+  std::atomic<int> requests{0};
+  unsigned short port = 0;
+  std::thread serving;
+};
 
-// Waits for `done`, for a few seconds at most.
-bool eventually(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + 5s * slower;
-  while (!done() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
-  return done();
-}
+// A socket of `type` on a free port of 127.0.0.1. A datagram socket's port refuses connections;
+// a stream socket listens, an engine that takes connections (the kernel completes them) and never
+// answers.
+struct loopback_socket {
+  explicit loopback_socket(int type) : fd(socket(AF_INET, type, 0)) {
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t length = sizeof address;
+    bind(fd, reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    if (type == SOCK_STREAM) listen(fd, 8);
+  }
+  ~loopback_socket() { close(fd); }
+  // Whether a probe's connection has arrived, within a few seconds.
+  bool connected() const {
+    pollfd arrival{fd, POLLIN, 0};
+    return poll(&arrival, 1, 5000 * slower) == 1;
+  }
+  int fd;
+  unsigned short port = 0;
+};
 
 // A probe's text of an engine that did not answer, up to its duration, which varies.
 const std::string downText =
@@ -61,8 +97,8 @@ struct ProberTest : ::testing::Test {
 // listens on 127.0.0.1 only) the next address is tried. The debug answer lists the steps. A name
 // whose addresses the rules refuse is refused.
 TEST_F(ProberTest, KeepsOneConnectionAcrossProbes) {
-  fake_engine engine(engineAnswer);
-  const target localhost = at("localhost", engine.port());
+  engine answering;
+  const target localhost = at("localhost", answering.port);
   for (int i = 0; i < 2; ++i) {
     const prober::answer a = probes.probe(localhost, 2s * slower, false);
     EXPECT_NE(a.body.find("\norvex_events_processed_total 42\n"), std::string::npos) << a.body;
@@ -71,14 +107,14 @@ TEST_F(ProberTest, KeepsOneConnectionAcrossProbes) {
   const std::string debug = probes.probe(localhost, 2s * slower, true).body;
   EXPECT_EQ(
       std::regex_replace(debug.substr(0, debug.find("# HELP")), std::regex("\\d+\\.\\d{3}"), "T"),
-      "probe of localhost:" + std::to_string(engine.port()) +
+      "probe of localhost:" + std::to_string(answering.port) +
           " within T s\n"
           "connect  at T s, took T s: kept connection\n"
           "request  at T s, took T s: answered\n"
           "read     at T s, took T s: 0 texts that should hold numbers do not\n"
           "up\n\nmetrics of the probe:\n");
-  EXPECT_EQ(engine.connectionsAccepted(), 1);
-  EXPECT_EQ(engine.requestsSeen(), 3);
+  EXPECT_EQ(answering.server.openConnections(), 1u);
+  EXPECT_EQ(answering.requests, 3);
   EXPECT_EQ(probes.figures().successes, 3u);
   EXPECT_EQ(probes.figures().engineConnections, 1u);
 
@@ -89,23 +125,17 @@ TEST_F(ProberTest, KeepsOneConnectionAcrossProbes) {
             "403 target localhost:9 is not allowed");
 }
 
-// A probe ends within its time and answers the engine down; meanwhile, beyond the number of
-// probes at once, another is refused. A failed connection is not kept.
+// A probe ends within its time and answers the engine down, whether its connection is refused or
+// never answered. A failed connection is not kept.
 TEST_F(ProberTest, AnEngineThatDoesNotAnswerIsDownInTime) {
-  EXPECT_EQ(withoutDuration(probes.probe(at("127.0.0.1", closedLoopbackPort()), 2s, false)),
-            downText);
-  fake_engine engine(silentStatus);
+  const target refusing = at("127.0.0.1", loopback_socket(SOCK_DGRAM).port);
+  EXPECT_EQ(withoutDuration(probes.probe(refusing, 2s, false)), downText);
+  const loopback_socket silent(SOCK_STREAM);
   const auto start = std::chrono::steady_clock::now();
-  auto slow = std::async(std::launch::async, [&] {
-    return probes.probe(at("127.0.0.1", engine.port()), 500ms * slower, false);
-  });
-  ASSERT_TRUE(eventually([&] { return engine.requestsSeen() == 1; }));
-  EXPECT_EQ(withoutDuration(probes.probe(at("127.0.0.1", engine.port()), 500ms, false)),
-            "503 too many probes at once");
-  EXPECT_EQ(withoutDuration(slow.get()), downText);
+  EXPECT_EQ(withoutDuration(probes.probe(at("127.0.0.1", silent.port), 500ms * slower, false)),
+            downText);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s * slower);
   EXPECT_EQ(probes.figures().failures, 2u);
-  EXPECT_EQ(probes.figures().refusedBusy, 1u);
   EXPECT_EQ(probes.figures().engineConnections, 0u);
 }
 
@@ -113,9 +143,8 @@ TEST_F(ProberTest, AnEngineThatDoesNotAnswerIsDownInTime) {
 // probe's deadline with the engine down, the cause is logged once a minute, and no thread or
 // socket is left behind.
 TEST_F(ProberTest, ALookupThatIsNotAnsweredEndsAtTheDeadline) {
-  unsigned short port = 0;
-  const int server = loopbackSocket(SOCK_DGRAM, port);
-  const name_lookup silent("127.0.0.1:" + std::to_string(port));
+  const loopback_socket server(SOCK_DGRAM);
+  const name_lookup silent("127.0.0.1:" + std::to_string(server.port));
   prober many(pool, silent, loopback, 16);
   const std::size_t threads = entries("/proc/self/task");
   const std::size_t files = entries("/proc/self/fd");
@@ -138,6 +167,7 @@ TEST_F(ProberTest, ALookupThatIsNotAnsweredEndsAtTheDeadline) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s * slower);
   EXPECT_EQ(outcomes,
             (std::map<std::string, int>{{"down", 16}, {"503 too many probes at once", 1}}));
+  EXPECT_EQ(many.figures().refusedBusy, 1u);
   EXPECT_EQ(entries("/proc/self/task"), threads);
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_EQ(entries("/proc/self/fd"), files);
@@ -146,34 +176,33 @@ TEST_F(ProberTest, ALookupThatIsNotAnsweredEndsAtTheDeadline) {
       log.find(" WARN  probe of engine.example:15903 failed: no address: no answer in time\n"),
       std::string::npos)
       << log;
-  close(server);
 }
 
 // Probes in flight take descriptors from idle connections, longest idle first; a probe that finds
 // none left is refused, and never reads as an engine that is down.
 TEST_F(ProberTest, ProbesTakeDescriptorsFromIdleConnections) {
-  fake_engine a(engineAnswer), b(engineAnswer), silent(silentStatus);
+  engine a, b;
+  loopback_socket silent(SOCK_STREAM);
   connection_pool three(3, 8, 60s);
   prober probes(three, names, loopback, 4);
-  const auto up = [&](const fake_engine& e) {
-    const std::string text = probes.probe(at("127.0.0.1", e.port()), 2s * slower, false).body;
+  const auto up = [&](const engine& e) {
+    const std::string text = probes.probe(at("127.0.0.1", e.port), 2s * slower, false).body;
     return text.find("\norvex_up 1\n") != std::string::npos;
   };
   EXPECT_TRUE(up(a));
   EXPECT_TRUE(up(b));  // two descriptors for the probe and one for a's idle connection
   EXPECT_EQ(three.idleConnections(), 2u);
   auto waiting = std::async(std::launch::async, [&] {
-    return probes.probe(at("127.0.0.1", silent.port()), 1s * slower, false);
+    return probes.probe(at("127.0.0.1", silent.port), 1s * slower, false);
   });
-  ASSERT_TRUE(eventually([&] { return silent.requestsSeen() == 1; }));
+  ASSERT_TRUE(silent.connected());
   EXPECT_EQ(three.idleConnections(), 1u);  // a's connection closed
-  EXPECT_EQ(withoutDuration(probes.probe(at("127.0.0.1", a.port()), 2s, false)),
+  EXPECT_EQ(withoutDuration(probes.probe(at("127.0.0.1", a.port), 2s, false)),
             "503 no file descriptor left for a probe");
   EXPECT_EQ(three.idleConnections(), 0u);
   EXPECT_EQ(withoutDuration(waiting.get()), downText);
   EXPECT_TRUE(up(a));
   EXPECT_EQ(probes.figures().refusedDescriptors, 1u);
-  EXPECT_EQ(a.connectionsAccepted(), 2);
 }
 
 // Beyond the idle connections it keeps, the pool closes the longest idle; a second one to the same

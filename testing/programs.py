@@ -1,16 +1,16 @@
-"""The fixtures of the program-level suite (a pytest plugin: `-p testing.programs`).
+"""The fixtures of the program-level suite, a pytest plugin (`-p testing.programs`).
 
-The programs are one build's, named by the environment (VIGILO_BINARY, OVENGINE_BINARY,
-EXPORTER_BINARY); VIGILO_SANITIZE names the sanitizers of the build, VIGILO_TIME_SCALE widens every time bound for
-the slower sanitizer builds, and
-VIGILO_VALGRIND, where set, names the valgrind that runs the programs that tests ask it for.
-Every wait has a bound, nothing sleeps on a guess, and no process outlives its test."""
+The programs are one build's: VIGILO_BINARY, OVENGINE_BINARY and EXPORTER_BINARY name them,
+VIGILO_SANITIZE its sanitizers, VIGILO_TIME_SCALE how much slower they run, and VIGILO_VALGRIND,
+where set, the valgrind that tests may run them under. Every wait has a bound, nothing sleeps on
+a guess, and no process outlives its test."""
 
+import contextlib
+import http.client
 import json
 import os
 import re
 import selectors
-import signal
 import socket
 import subprocess
 import threading
@@ -19,90 +19,80 @@ import time
 import pytest
 
 SCALE = int(os.environ.get("VIGILO_TIME_SCALE", "1"))
-BOUND = 20 * SCALE  # seconds: what a test waits at most for anything that should come at once
+BOUND = 20 * SCALE  # seconds: the longest a test waits for what should come at once
 VALGRIND = os.environ.get("VIGILO_VALGRIND")
 SANITIZED = os.environ.get("VIGILO_SANITIZE", "") != ""
 
 
 def program(name):
-    """The path of a program of the build under test: "vigilo", "ovengine", "exporter"."""
+    """A program of the build under test: "vigilo", "ovengine" or "exporter"."""
     return os.environ[name.upper() + "_BINARY"]
 
 
-def under_valgrind(argv):
-    """`argv` under valgrind, which fails the run with status 99 on a memory error or a definite
-    leak and, being quiet, writes nothing else."""
-    return [VALGRIND, "-q", "--error-exitcode=99", "--leak-check=full",
-            "--errors-for-leak-kinds=definite"] + argv
+# Ends a run with status 99 on a memory error or a definite leak, and otherwise writes nothing.
+UNDER_VALGRIND = [VALGRIND, "-q", "--error-exitcode=99", "--leak-check=full",
+                  "--errors-for-leak-kinds=definite"]
 
 
-class Process:
-    """A started program, its standard output and error on pipes, read as they come. A program
-    that talks a lot and is not listened to is given stderr=subprocess.DEVNULL."""
+class Process(subprocess.Popen):
+    """A started program whose standard output and error (unless sent elsewhere, as
+    stderr=subprocess.DEVNULL for one that talks a lot) are read as they come."""
 
-    def __init__(self, argv, stdin=subprocess.DEVNULL, **options):
-        options.setdefault("stdout", subprocess.PIPE)
-        options.setdefault("stderr", subprocess.PIPE)
-        self.process = subprocess.Popen(argv, stdin=stdin, **options)
-        self.pid = self.process.pid
+    def __init__(self, argv, **options):
+        super().__init__(argv, **{"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
+                                  "stderr": subprocess.PIPE, **options})
         self.out, self.err = b"", b""
         self.selector = selectors.DefaultSelector()
-        for pipe in (self.process.stdout, self.process.stderr):
+        for pipe in (self.stdout, self.stderr):
             if pipe is not None:
                 os.set_blocking(pipe.fileno(), False)
                 self.selector.register(pipe, selectors.EVENT_READ)
 
     def _read(self, timeout):
-        """Takes what the pipes hold after at most `timeout` seconds; False once both ended."""
-        if not self.selector.get_map():
-            return False
-        for key, _ in self.selector.select(timeout):
+        """Takes what the pipes give within `timeout` seconds; False once both have ended."""
+        for key, _ in self.selector.select(timeout) if self.selector.get_map() else ():
             data = os.read(key.fileobj.fileno(), 65536)
             if not data:
                 self.selector.unregister(key.fileobj)
                 key.fileobj.close()
-            elif key.fileobj is self.process.stdout:
+            elif key.fileobj is self.stdout:
                 self.out += data
             else:
                 self.err += data
-        return True
+        return bool(self.selector.get_map())
 
     def wait_for(self, done, timeout=BOUND):
         """Reads until done(out, err) holds, as texts; False when `timeout` passes first."""
         deadline = time.monotonic() + timeout
         while not done(self.out.decode(errors="replace"), self.err.decode(errors="replace")):
             left = deadline - time.monotonic()
-            if left <= 0 or not self._read(min(left, 0.1)) and self.process.poll() is not None:
+            if left <= 0 or not self._read(min(left, 0.1)) and self.poll() is not None:
                 return False
         return True
 
-    def signal(self, sig):
-        self.process.send_signal(sig)
-
-    def close_stdout(self):
-        """Our end of its standard output goes, as a reader that leaves does."""
-        self.selector.unregister(self.process.stdout)
-        self.process.stdout.close()
+    def close_stdout(self):  # as a reader that goes away does
+        self.selector.unregister(self.stdout)
+        self.stdout.close()
 
     def finish(self, timeout=BOUND):
         """(status, out, err) once it has ended, killed after `timeout`; a signal that ended it
-        is 128 + its number."""
+        counts as 128 + its number."""
         deadline = time.monotonic() + timeout
         while self._read(max(0, min(deadline - time.monotonic(), 0.1))):
             if time.monotonic() >= deadline:
-                self.process.kill()
-        status = self.process.wait(timeout=BOUND)
+                self.kill()
+        status = self.wait(timeout=BOUND)
         return (128 - status if status < 0 else status, self.out.decode(errors="replace"),
                 self.err.decode(errors="replace"))
 
     def stop(self):
-        if self.process.poll() is None:
-            self.process.kill()
+        if self.poll() is None:
+            self.kill()
         self.finish()
 
 
 class Server(Process):
-    """A server that names its port as "NAME listening on HOST:PORT" on its first line."""
+    """A server that names its port on its first line: "NAME listening on HOST:PORT"."""
 
     def __init__(self, argv, name, timeout=BOUND, **options):
         super().__init__(argv, **options)
@@ -115,15 +105,9 @@ class Server(Process):
 
 @pytest.fixture
 def launch():
-    """Starts programs, Process(argv) or Server(argv, name), and ends them with the test."""
+    """Starts Process(argv) or Server(argv, name), and ends it with the test."""
     started = []
-
-    def start(kind, *args, **options):
-        process = kind(*args, **options)
-        started.append(process)
-        return process
-
-    yield start
+    yield lambda kind, *args, **options: started.append(kind(*args, **options)) or started[-1]
     for process in started:
         process.stop()
 
@@ -131,9 +115,7 @@ def launch():
 @pytest.fixture
 def run(launch):
     """Runs a program to its end: (status, out, err), killed after `timeout` seconds."""
-    def complete(argv, timeout=BOUND, **options):
-        return launch(Process, argv, **options).finish(timeout)
-    return complete
+    return lambda argv, timeout=BOUND, **options: launch(Process, argv, **options).finish(timeout)
 
 
 @pytest.fixture
@@ -144,7 +126,7 @@ def engine(launch):
 
 @pytest.fixture
 def exporter(launch):
-    """Starts a vigilo-exporter on a free loopback port, with `wrapper` (prlimit, valgrind)."""
+    """Starts a vigilo-exporter on a free loopback port, under `wrapper` (prlimit, valgrind)."""
     def start(*options, wrapper=()):
         argv = [*wrapper, program("exporter"), "--web.listen-address=127.0.0.1:0", *options]
         return launch(Server, argv, "vigilo-exporter", timeout=BOUND * (6 if wrapper else 1))
@@ -157,29 +139,36 @@ def free_port():
         return s.getsockname()[1]
 
 
-def http_reply(status, reason, body, headers=""):
-    return ("HTTP/1.1 %d %s\r\nContent-Type: application/json\r\nContent-Length: %d\r\n%s\r\n"
-            % (status, reason, len(body.encode()), headers) + body).encode()
+def http_get(port, path):
+    """GET `path` of a server on loopback: (status, Content-Type, body)."""
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=BOUND)
+    connection.request("GET", path)
+    answer = connection.getresponse()
+    return answer.status, answer.getheader("Content-Type"), answer.read().decode()
 
 
-def status_reply(pairs):
+def http_reply(status, body, reason="X", headers=""):
+    return ("HTTP/1.1 %d %s\r\nContent-Length: %d\r\n%s\r\n%s"
+            % (status, reason, len(body), headers, body)).encode()
+
+
+def status_reply(pairs, headers=""):
     """A 200 answer whose body is the status document of `pairs`."""
-    return http_reply(200, "OK", json.dumps({"status": [list(p) for p in pairs]}))
+    return http_reply(200, json.dumps({"status": [list(p) for p in pairs]}), "OK", headers)
 
 
 class ScriptedEngine:
     """An engine on a loopback port that answers each request with what script(path, number)
-    returns: the bytes of an answer, or None for no answer at all (the connection stays open).
+    gives: the bytes of an answer; None for none at all; (bytes, "close") for those bytes and the
+    connection's end; or an iterable of bytes, sent 50 ms apart for as long as the client stays.
     Requests are numbered from 0 over all connections; each connection has a thread."""
 
     def __init__(self, script, address="127.0.0.1"):
-        self.script = script
-        self.listener = socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET)
-        self.listener.bind((address, 0))
-        self.listener.listen(64)
+        self.script, self.requests, self.connections = script, 0, 0
+        family = socket.AF_INET6 if ":" in address else socket.AF_INET
+        self.listener = socket.create_server((address, 0), family=family)
         self.port = self.listener.getsockname()[1]
-        self.requests, self.connections = 0, 0
-        self.clients, self.lock = [], threading.Lock()
+        self.lock = threading.Lock()
         threading.Thread(target=self._accept, daemon=True).start()
 
     def _accept(self):
@@ -190,74 +179,50 @@ class ScriptedEngine:
                 return  # closed
             with self.lock:
                 self.connections += 1
-                self.clients.append(client)
             threading.Thread(target=self._serve, args=(client,), daemon=True).start()
 
     def _serve(self, client):
         pending = b""
-        with client:
-            while True:
-                try:
-                    data = client.recv(65536)
-                except OSError:
-                    return
-                if not data:
-                    return
+        with client, contextlib.suppress(ConnectionError):
+            while data := client.recv(65536):
                 pending += data
                 while b"\r\n\r\n" in pending:
                     head, pending = pending.split(b"\r\n\r\n", 1)
-                    path = head.split(b" ")[1].decode()
                     with self.lock:
-                        number = self.requests
-                        self.requests += 1
-                    answer = self.script(path, number)
-                    if answer is not None:
-                        try:
-                            client.sendall(answer)
-                        except OSError:
-                            return
-
-    def close(self):
-        self.listener.close()
-        with self.lock:
-            for client in self.clients:
-                try:
-                    client.shutdown(socket.SHUT_RDWR)
-                except OSError:
-                    pass
+                        number, self.requests = self.requests, self.requests + 1
+                    answer = self.script(head.split(b" ")[1].decode(), number)
+                    if isinstance(answer, tuple):
+                        return client.sendall(answer[0])
+                    for piece in [answer] if isinstance(answer, bytes) else answer or ():
+                        client.sendall(piece)
+                        if not isinstance(answer, bytes):
+                            time.sleep(0.05)
 
 
 @pytest.fixture
 def scripted_engine():
-    """Starts ScriptedEngine(script) engines, closed with the test."""
+    """Starts ScriptedEngine(script, address) engines, closed with the test."""
     engines = []
-
-    def start(script, address="127.0.0.1"):
-        engines.append(ScriptedEngine(script, address))
-        return engines[-1]
-
-    yield start
+    yield lambda *args: engines.append(ScriptedEngine(*args)) or engines[-1]
     for e in engines:
-        e.close()
+        e.listener.close()
 
 
-def exchange(port, data, timeout=BOUND):
+def exchange(port, data):
     """Sends `data` on a connection of its own and reads the answer to the close: "status body"."""
-    with socket.create_connection(("127.0.0.1", port), timeout=timeout) as s:
-        s.sendall(data if isinstance(data, bytes) else data.encode())
-        answer = b""
-        while chunk := s.recv(65536):
-            answer += chunk
+    with socket.create_connection(("127.0.0.1", port), timeout=BOUND) as s:
+        s.sendall(data)
+        answer = b"".join(iter(lambda: s.recv(65536), b""))
     head, _, body = answer.partition(b"\r\n\r\n")
     return head[9:13].decode() + body.decode(errors="replace")
 
 
-def request(method, path, body="", headers=""):
+def request(method, path, body=""):
     """A request that asks the server to close the connection after its answer."""
     data = body.encode() if isinstance(body, str) else body
-    return ("%s %s HTTP/1.1\r\nHost: x\r\nConnection: close\r\n%s%s\r\n"
-            % (method, path, headers,
-               "Content-Length: %d\r\n" % len(data) if data else "")).encode() + data
+    length = "Content-Length: %d\r\n" % len(data) if data else ""
+    return ("%s %s HTTP/1.1\r\nHost: x\r\nConnection: close\r\n%s\r\n"
+            % (method, path, length)).encode() + data
 
 
 def eventually(done, what, timeout=BOUND, every=0.01):
@@ -266,7 +231,3 @@ def eventually(done, what, timeout=BOUND, every=0.01):
     while not done():
         assert time.monotonic() < deadline, what
         time.sleep(every)
-
-
-def threads_of(pid):
-    return len(os.listdir("/proc/%d/task" % pid))
