@@ -9,20 +9,14 @@ import signal
 import subprocess
 import time
 import urllib.parse
-import urllib.request
 
 import pytest
 
-from testing.programs import Process, eventually, free_port, program
+from testing.programs import Process, eventually, free_port, http_get, program
 
 with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "fleet.md")) as document:
     FLEET = document.read()
 LOAD = 4000
-
-
-def get(url):
-    with urllib.request.urlopen(url, timeout=10) as answer:
-        return answer.read().decode()
 
 
 @pytest.fixture
@@ -42,7 +36,7 @@ def test_telegraf_command_keeps_the_start_up_line_out_of_the_errors(launch, load
                    .replace("15903", str(loaded.port)).replace("15000", "100"))
     telegraf = launch(Process, command, env=env)
     assert telegraf.wait_for(lambda out, _: out.count("\n") >= 3)
-    telegraf.signal(signal.SIGTERM)  # vigilo itself, through exec
+    telegraf.send_signal(signal.SIGTERM)  # vigilo itself, through exec
     status, out, err = telegraf.finish()
     assert (status, err) == (0, "D! Control-C to exit...\n")
     assert {line.count(",") for line in out.splitlines()} == {25}
@@ -57,7 +51,7 @@ def test_victoria_metrics_stores_a_recorded_file(launch, loaded, tmp_path):
                                 "-i", "500", "-r", "-t", "-a", "-f", str(log)])
     eventually(lambda: log.exists() and log.read_text().count("\n") >= 10,
                "vigilo recorded too little")
-    recorder.signal(signal.SIGINT)
+    recorder.send_signal(signal.SIGINT)
     assert recorder.finish()[0] == 0
     recorded = time.time()
 
@@ -65,26 +59,25 @@ def test_victoria_metrics_stores_a_recorded_file(launch, loaded, tmp_path):
     launch(Process, ["victoria-metrics", "-httpListenAddr=127.0.0.1:%d" % port,
                      "-storageDataPath=%s" % (tmp_path / "vm"), "-search.latencyOffset=0s"],
            stderr=subprocess.DEVNULL)
-    address = "http://127.0.0.1:%d" % port
 
     def healthy():
         try:
-            return get(address + "/health") is not None
+            return http_get(port, "/health")[0] == 200
         except OSError:
             return False
     eventually(healthy, "VictoriaMetrics did not start", every=0.1)
 
     recipe = re.search(r"```sh\n(f=.*?)```", FLEET, re.S).group(1)
-    recipe = re.sub(r"^f=.*$", "f=%s" % log, recipe, flags=re.M).replace("http://victoria:8428",
-                                                                        address)
+    recipe = re.sub(r"^f=.*$", "f=%s" % log, recipe, flags=re.M).replace(
+        "http://victoria:8428", "http://127.0.0.1:%d" % port)
     imported = launch(Process, ["sh", "-c", recipe]).finish()
     assert imported[0] == 0, imported[2]
-    get(address + "/internal/force_flush")
+    http_get(port, "/internal/force_flush")
 
     match = urllib.parse.quote('{engine="engine-1"}')
     names = sorted(series["__name__"] for series in json.loads(
-        get(address + "/api/v1/series?match[]=" + match))["data"])
+        http_get(port, "/api/v1/series?match[]=" + match)[2])["data"])
     assert len(names) == 19, names
     query = urllib.parse.quote('rate(numProcessed{engine="engine-1"}[10s])')
-    result = json.loads(get("%s/api/v1/query?query=%s&time=%.3f" % (address, query, recorded)))
+    result = json.loads(http_get(port, "/api/v1/query?query=%s&time=%.3f" % (query, recorded))[2])
     assert abs(float(result["data"]["result"][0]["value"][1]) - LOAD) < LOAD * 0.15, result

@@ -12,12 +12,10 @@ namespace {
 
 // Every target as it is read: its host and port, or the reason it is refused, before any lookup.
 TEST(TargetsTest, ReadsAHostAndPortOrSaysWhyNot) {
-  const std::string form = "expected HOST:PORT",
-                    name =
-                        "a host is an address or a name of "
-                        "letters, digits, '-' and '_'",
-                    full = "write an address in full, such as 127.0.0.1 or [::1]",
-                    label = "a label of a name is 1 to 63 bytes, not beginning with '-'";
+  const std::string form = "expected HOST:PORT";
+  const std::string name = "a host is an address or a name of letters, digits, '-' and '_'";
+  const std::string full = "write an address in full, such as 127.0.0.1 or [::1]";
+  const std::string label = "a label of a name is 1 to 63 bytes, not beginning with '-'";
   const std::string l63(63, 'a'), n253 = l63 + "." + l63 + "." + l63 + "." + std::string(61, 'a');
   // clang-format off
   const std::pair<std::string, std::string> cases[] = {
@@ -40,46 +38,34 @@ TEST(TargetsTest, ReadsAHostAndPortOrSaysWhyNot) {
   }
 }
 
-struct allow_case {
-  std::vector<std::string> rules;
-  std::string target;
-  bool allowed;
-};
-
 // A target is allowed when a name rule names it, or when its address lies in a range; a name that
 // no rule names is decided by the addresses a lookup finds, which the prober's tests hold.
 TEST(TargetsTest, AllowsOnlyWhatTheRulesName) {
-  const std::string label(63, 'e');
-  const std::string shout(63, 'E');
+  const std::string e63(63, 'e'), name = e63 + ".invalid";
+  struct allow_case {
+    std::vector<std::string> rules;
+    std::string target;
+    bool allowed;
+  };
+  // clang-format off
   const allow_case cases[] = {
-      // Without rules, loopback only.
-      {{}, "127.0.0.1:15903", true},
-      {{}, "127.255.0.9:1", true},
-      {{}, "[::1]:1", true},
-      {{}, "10.0.0.1:15903", false},
-      {{}, "[::2]:1", false},
-      // Rules replace the default.
-      {{"10.0.0.0/8"}, "10.200.3.4:1", true},
-      {{"10.0.0.0/8"}, "11.0.0.1:1", false},
-      {{"10.0.0.0/8"}, "127.0.0.1:1", false},
-      {{"192.168.1.0/25"}, "192.168.1.127:1", true},
-      {{"192.168.1.0/25"}, "192.168.1.128:1", false},
-      {{"192.0.2.7"}, "192.0.2.7:1", true},
-      {{"192.0.2.7"}, "192.0.2.8:1", false},
-      {{"0.0.0.0/0"}, "203.0.113.1:1", true},
+      // Without rules, loopback only; rules replace the default.
+      {{}, "127.255.0.9:1", true}, {{}, "[::1]:1", true}, {{}, "10.0.0.1:15903", false},
+      {{}, "[::2]:1", false}, {{}, "localhost:9", false},
+      {{"10.0.0.0/8"}, "10.200.3.4:1", true}, {{"10.0.0.0/8"}, "11.0.0.1:1", false},
+      {{"10.0.0.0/8"}, "127.0.0.1:1", false}, {{"192.168.1.0/25"}, "192.168.1.127:1", true},
+      {{"192.168.1.0/25"}, "192.168.1.128:1", false}, {{"192.0.2.7"}, "192.0.2.7:1", true},
+      {{"192.0.2.7"}, "192.0.2.8:1", false}, {{"0.0.0.0/0"}, "203.0.113.1:1", true},
       {{"2001:db8::/32"}, "[2001:db8:ffff::1]:1", true},
       {{"2001:db8::/32"}, "[2001:db9::1]:1", false},
       {{"2001:db8::/32"}, "32.1.13.184:1", false},  // the same leading bytes, another family
-      // A name is allowed as it is written, whatever its case or root dot, on any port or on the
-      // one named.
-      {{label + ".invalid"}, shout + ".invalid:9", true},
-      {{label + ".invalid."}, label + ".invalid.:9", true},
-      {{label + ".invalid"}, label + ".invalid.:9", true},
-      {{label + ".invalid:9"}, label + ".invalid:9", true},
-      {{label + ".invalid:9"}, label + ".invalid:10", false},
-      {{label + ".invalid"}, label + ".b.invalid:9", false},
-      {{}, "localhost:9", false},
+      // A name is allowed as it is written, whatever its case or root dot, on any port or the one
+      // named.
+      {{name}, std::string(63, 'E') + ".INVALID:9", true}, {{name + "."}, name + ":9", true},
+      {{name}, name + ".:9", true}, {{name + ":9"}, name + ":9", true},
+      {{name + ":9"}, name + ":10", false}, {{name}, e63 + ".b.invalid:9", false},
   };
+  // clang-format on
   for (const allow_case& c : cases) {
     target_rules rules;
     for (const std::string& rule : c.rules) ASSERT_TRUE(rules.add(rule)) << rule;
@@ -101,12 +87,14 @@ TEST(TargetsTest, RefusesMalformedRules) {
 
 using std::chrono::milliseconds;
 
+// "help", "version", the refusal, or what the options came to: where it listens, the probe's time
+// in ms, and whether a target outside loopback is allowed.
 std::string parse(std::vector<std::string> args) {
   args.insert(args.begin(), "vigilo-exporter");
   vigilo::test_support::argument_vector argv(args);
-  exporter_options options;
+  exporter_options o;
   std::string error;
-  switch (parseExporterOptions(argv.argc(), argv.argv(), options, error)) {
+  switch (parseExporterOptions(argv.argc(), argv.argv(), o, error)) {
     case ovhttp::command_line::refused:
       return error;
     case ovhttp::command_line::help:
@@ -116,17 +104,9 @@ std::string parse(std::vector<std::string> args) {
     case ovhttp::command_line::run:
       break;
   }
-  std::string outcome;
-  if (options.listenHost != "127.0.0.1" || options.listenPort != 9903) {
-    outcome += "listen " + options.listenHost + " " + std::to_string(options.listenPort) + ";";
-  }
-  if (options.probeTimeout != milliseconds(10000)) {
-    outcome += "timeout " + std::to_string(options.probeTimeout.count()) + ";";
-  }
-  if (options.allowed.allowsAll({*ovnet::address::parse("10.1.1.1")})) {
-    outcome += "allows 10.1.1.1;";
-  }
-  return outcome;
+  return o.listenHost + " " + std::to_string(o.listenPort) + " " +
+         std::to_string(o.probeTimeout.count()) +
+         (o.allowed.allowsAll({*ovnet::address::parse("10.1.1.1")}) ? " allows" : "");
 }
 
 // Both forms of a value, every interface as :PORT, and a refusal that says what a good value
@@ -137,12 +117,13 @@ TEST(ExporterOptionsTest, TakesBothFormsAndRefusesTheRest) {
                     duration = "a duration such as 500ms, 10s or 2m, at most 60m";
   // clang-format off
   const std::pair<std::vector<std::string>, std::string> cases[] = {
-      {{}, ""},
-      {{"--web.listen-address=0.0.0.0:9100"}, "listen 0.0.0.0 9100;"},
-      {{"--web.listen-address", "[::1]:0"}, "listen ::1 0;"},
-      {{"--web.listen-address=:9903"}, "listen  9903;"},
-      {{"--allow-target=10.0.0.0/8", "--allow-target", "engine-1"}, "allows 10.1.1.1;"},
-      {{"--probe.timeout=250ms"}, "timeout 250;"}, {{"--probe.timeout", "2m"}, "timeout 120000;"},
+      {{}, "127.0.0.1 9903 10000"},
+      {{"--web.listen-address=0.0.0.0:9100"}, "0.0.0.0 9100 10000"},
+      {{"--web.listen-address", "[::1]:0"}, "::1 0 10000"},
+      {{"--web.listen-address=:9903"}, " 9903 10000"},
+      {{"--allow-target=10.0.0.0/8", "--allow-target", "engine-1"}, "127.0.0.1 9903 10000 allows"},
+      {{"--probe.timeout=250ms"}, "127.0.0.1 9903 250"},
+      {{"--probe.timeout", "2m"}, "127.0.0.1 9903 120000"},
       {{"-h", "--bogus"}, "help"}, {{"--help"}, "help"}, {{"--version"}, "version"},
       {{"--web.listen-address=9100"}, "bad value for --web.listen-address: 9100" + listen},
       {{"--web.listen-address=host:"}, "bad value for --web.listen-address: host:" + listen},

@@ -87,17 +87,4 @@ StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* l
   return &s->opaque;
 }
 
-text_pairs walkStatus(StatusOpaque* status) {
-  const auto next =
-      reinterpret_cast<getNextStatusPair_fn>(status->functions->entries[getNextStatusPairEntry]);
-  text_pairs pairs;
-  const char* key = nullptr;
-  const char* value = nullptr;
-  for (std::uintptr_t handle = 0;;) {
-    next(status, &key, &value, &handle);
-    if (handle == 0 || key == nullptr || value == nullptr || *key == '\0') return pairs;
-    pairs.emplace_back(key, value);
-  }
-}
-
 }  // namespace vigilo::test_support

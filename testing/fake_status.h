@@ -38,10 +38,6 @@ struct fake_status_log {
 // up as garbage (and under ASan as a use after free).
 StatusOpaque* newFakeStatus(const fake_status_script& script, fake_status_log* log = nullptr);
 
-// Every pair of any status object, walked through its table as a user of the client library
-// walks it; the strings are copies.
-text_pairs walkStatus(StatusOpaque* status);
-
 }  // namespace vigilo::test_support
 
 #endif  // VIGILO_TESTING_FAKE_STATUS_H_

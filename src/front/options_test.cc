@@ -59,33 +59,26 @@ TEST(ParseOptionsTest, LeavesExactlyTheseSettings) {
   // clang-format off
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{}, ""},
-      // Joined and separate values, short and long forms; numbers as strtol reads them.
+      // Joined and separate values, short and long forms; numbers as strtol reads them, the last
+      // one given kept.
       {{"-p8080"}, "port=8080"}, {{"-p", "8080"}, "port=8080"}, {{"--port", "8080"}, "port=8080"},
-      {{"-p80abc"}, "port=80"}, {{"-p", " +42"}, "port=42"},
-      {{"-p", "1", "-p", "65535"}, "port=65535"},
+      {{"-p80abc"}, "port=80"}, {{"-p", " +42", "-p", "65535"}, "port=65535"},
       {{"-nengine.example"}, "host=engine.example"}, {{"--hostname", "::1"}, "host=::1"},
       {{"-f", "-r"}, "file=-r"}, {{"--filename", "--raw"}, "file=--raw"},
-      {{"-fout.csv"}, "file=out.csv"}, {{"-i", "250"}, "interval=250"}, {{"-i0"}, "interval=0"},
-      {{"--interval", "soon"}, "interval=0"},
+      {{"-i", "250"}, "interval=250"}, {{"--interval", "soon"}, "interval=0"},
       {{"-i", "9223372036854775807"}, "interval=9223372036854775807"},
       // Flags.
       {{"-r", "-a", "-t", "-o"}, "loops=1 raw title all"},
       {{"--raw", "--all", "--title", "--once"}, "loops=1 raw title all"},
-      {{"-v"}, "verbose"}, {{"-v", "--verbose"}, "verbose debug"},
-      {{"-v", "-v", "-v"}, "verbose debug"},
+      {{"-v"}, "verbose"}, {{"-v", "--verbose", "-v"}, "verbose debug"},
       // Usage errors stop at once; what came before stays applied.
       {{"-vv"}, "usage error: "}, {{"-ra"}, "usage error: "}, {{""}, "usage error: "},
       {{"positional"}, "usage error: "}, {{"--port=8080"}, "usage error: "},
-      {{"--Raw"}, "usage error: "}, {{"-r", "-x", "-a"}, "usage error: raw"},
-      {{"-p"}, "usage error: "}, {{"--port"}, "usage error: "}, {{"-n"}, "usage error: "},
-      {{"--filename"}, "usage error: "}, {{"-i"}, "usage error: "},
+      {{"-r", "-x", "-a"}, "usage error: raw"}, {{"-p"}, "usage error: "},
       {{"-p", "0", "-r"}, "usage error: port=0"}, {{"-p", "http"}, "usage error: port=0"},
-      {{"-port"}, "usage error: port=0"}, {{"-i", "-5", "-r"}, "usage error: "},
       {{"-i", "-1"}, "usage error: "},
       // Out-of-range ports are kept, and fail only after the last argument.
-      {{"-p", "70000", "-r"}, "usage error: port=70000 raw"},
-      {{"-p", "65536"}, "usage error: port=65536"},
-      {{"-p", "-1"}, "usage error: port=-1"}, {{"-p", "70000", "-p", "80"}, "port=80"},
+      {{"-p", "65536", "-r"}, "usage error: port=65536 raw"}, {{"-p", "70000", "-p", "80"}, "port=80"},
       // Beyond 32 bits the port saturates rather than wrap into range (4294967297 would be 1).
       {{"-p", "4294967297"}, "usage error: port=2147483647"},
       {{"-p", "-4294967295"}, "usage error: port=-2147483648"},

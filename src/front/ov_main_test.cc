@@ -54,6 +54,14 @@ fake_fetch good(std::uint64_t processed, const text_pairs& users = {}) {
 
 fake_fetch failing(const std::string& text) { return {std::nullopt, text}; }
 
+// A fetch during which Control-C is pressed `presses` times.
+fake_fetch pressing(int presses, fake_fetch fetch) {
+  fetch.before = [presses] {
+    for (int i = 0; i < presses; ++i) raise(SIGINT);
+  };
+  return fetch;
+}
+
 std::function<void()> throwing(const char* text) {
   return [text] { throw com::orvex::EngineException(text); };
 }
@@ -182,26 +190,16 @@ INSTANTIATE_TEST_SUITE_P(Rows, RunTest, ::testing::Values(
              2, statusText(0) + noRate + statusText(1000) +
                     "\nEvent rate over last interval: 20000.00 ev/s\n\n" + statusText(500) +
                     "\nEvent rate over last interval: 368934881474191032320.00 ev/s\n\n",
-             controlC + "Status monitor failed: end\n", watchOf(4)}),
+             controlC + "Status monitor failed: end\n", watchOf(4)},
+    // Control-C during a fetch: that poll is still written, the wait after it runs to its
+    // deadline, and no further poll is made. Pressing it three times changes nothing.
+    run_case{"control_c_during_a_fetch", {"-r", "-i", "200"},
+             [](fake_client& f) { f.fetches = {good(1), pressing(1, good(2)), good(3)}; }, 0,
+             rawLine(1) + "\n" + rawLine(2) + "\n", controlC, watchOf(2)},
+    run_case{"control_c_three_times", {"-r", "-i", "200"},
+             [](fake_client& f) { f.fetches = {good(1), pressing(3, good(2)), good(3)}; }, 0,
+             rawLine(1) + "\n" + rawLine(2) + "\n", controlC, watchOf(2)}),
     [](const auto& info) { return std::string(info.param.name); });
 // clang-format on
-
-// Control-C while a poll is being fetched: that poll is still written, the wait after it runs to
-// its deadline, and no further poll is made. Pressing it three times changes nothing.
-class ControlCTest : public OvMainTest, public ::testing::WithParamInterface<int> {};
-
-TEST_P(ControlCTest, DuringAFetchEndsAfterTheNextWait) {
-  fake_fetch second = good(2);
-  second.before = [presses = GetParam()] {
-    for (int i = 0; i < presses; ++i) raise(SIGINT);
-  };
-  fakeClient().fetches = {good(1), second, good(3)};
-  const auto result = runVigilo({"-r", "-i", "200"});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.err, controlC);
-  EXPECT_EQ(result.out, rawLine(1) + "\n" + rawLine(2) + "\n");
-}
-
-INSTANTIATE_TEST_SUITE_P(Presses, ControlCTest, ::testing::Values(1, 3));
 
 }  // namespace
