@@ -51,7 +51,6 @@ def complete(tmp_path_factory):
 
 @pytest.mark.parametrize("words, offered", [
     (["vigilo", "--ho"], ["--hostname"]),
-    (["vigilo", "-r", "-r"], ["-r"]),
     (["vigilo", "-r", "-f", "DIR/engine.c"], ["DIR/engine.csv"]),
     (["vigilo", "-n", "localh"], ["localhost"]),
     (["vigilo", "-p", "1"], []),
@@ -62,7 +61,6 @@ def complete(tmp_path_factory):
     (["vigilo-exporter", "--"], ["--allow-target=", "--help", "--probe.timeout=", "--version",
                                  "--web.listen-address="]),
     (["vigilo-exporter", "--allow-target", "=", "localh"], ["--allow-target=localhost"]),
-    (["vigilo-exporter", "--probe.timeout", "=", "1"], []),
     (["vigilo-plot", "--"], ["--help", "--output", "--rates", "--size", "--title"]),
     (["vigilo-plot", "-o", "DIR/engine"], ["DIR/engine.png", "DIR/engine.svg"]),
     (["vigilo-plot", "DIR/oth"], ["DIR/other.csv"]),

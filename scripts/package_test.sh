@@ -18,16 +18,13 @@ fail() {
 
 libdir=usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/vigilo
 listing=$(dpkg-deb -c "$deb" | awk '{print $6}')
-for path in usr/bin/vigilo usr/bin/ovengine usr/bin/vigilo-plot usr/bin/vigilo-exporter \
-  "$libdir/libovcommon.so" "$libdir/libovclient.so" usr/share/man/man1/vigilo.1.gz \
-  usr/share/man/man1/ovengine.1.gz usr/share/man/man1/vigilo-plot.1.gz \
-  usr/share/man/man1/vigilo-exporter.1.gz \
+for path in usr/bin/{vigilo,ovengine,vigilo-plot,vigilo-exporter} "$libdir"/lib{ovcommon,ovclient}.so \
+  usr/share/man/man1/{vigilo,ovengine,vigilo-plot,vigilo-exporter}.1.gz \
   usr/share/bash-completion/completions/{vigilo,ovengine,vigilo-exporter,vigilo-plot} \
   usr/share/zsh/vendor-completions/_{vigilo,ovengine,vigilo-exporter,vigilo-plot} \
-  usr/lib/systemd/system/vigilo@.service \
-  usr/lib/systemd/system/vigilo-exporter.service usr/lib/tmpfiles.d/vigilo.conf \
-  usr/lib/sysusers.d/vigilo.conf etc/default/vigilo-exporter usr/share/vigilo/prometheus/vigilo-rules.yml \
-  usr/share/doc/vigilo/copyright usr/share/doc/vigilo/fields.md usr/share/doc/vigilo/fleet.md; do
+  usr/lib/systemd/system/{vigilo@,vigilo-exporter}.service usr/lib/{tmpfiles,sysusers}.d/vigilo.conf \
+  etc/default/vigilo-exporter usr/share/vigilo/prometheus/vigilo-rules.yml \
+  usr/share/doc/vigilo/{copyright,fields.md,fleet.md}; do
   grep -qx "./$path" <<<"$listing" || fail "no $path in $deb"
 done
 

@@ -10,7 +10,7 @@ packages=(
   nlohmann-json3-dev libboost-dev libsimdjson-dev libc-ares-dev
   pkg-config git python3 python3-pytest valgrind curl procps
   dpkg-dev fakeroot lintian man-db groff-base bash-completion gnuplot-nox systemd prometheus
-  prometheus-alertmanager victoria-metrics
+  victoria-metrics
 )
 
 missing=()

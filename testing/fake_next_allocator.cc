@@ -15,7 +15,6 @@ namespace {
 constexpr std::size_t logSize = 4096;
 fake_next_call calls[logSize];
 std::atomic<std::size_t> callCount{0};
-std::atomic<int> failures{0};
 
 void* record(int kind, std::size_t first, std::size_t second, void* result) {
   const std::size_t n = callCount.fetch_add(1);
@@ -23,25 +22,20 @@ void* record(int kind, std::size_t first, std::size_t second, void* result) {
   return result;
 }
 
-// A call that loses the race for the last failure sees 0 or less and goes through.
-bool failNow() { return failures.load() > 0 && failures.fetch_sub(1) > 0; }
-
 std::size_t number(void* block) { return reinterpret_cast<std::uintptr_t>(block); }
 
 }  // namespace
 
 extern "C" {
 
-void* malloc(std::size_t size) {
-  return record(fakeMalloc, size, 0, failNow() ? nullptr : __libc_malloc(size));
-}
+void* malloc(std::size_t size) { return record(fakeMalloc, size, 0, __libc_malloc(size)); }
 
 void* calloc(std::size_t count, std::size_t unit) {
-  return record(fakeCalloc, count, unit, failNow() ? nullptr : __libc_calloc(count, unit));
+  return record(fakeCalloc, count, unit, __libc_calloc(count, unit));
 }
 
 void* realloc(void* old, std::size_t size) {
-  return record(fakeRealloc, number(old), size, failNow() ? nullptr : __libc_realloc(old, size));
+  return record(fakeRealloc, number(old), size, __libc_realloc(old, size));
 }
 
 void free(void* block) {
@@ -51,6 +45,5 @@ void free(void* block) {
 
 std::size_t fakeNextCallCount() { return callCount.load(); }
 fake_next_call fakeNextCallAt(std::size_t index) { return calls[index % logSize]; }
-void fakeNextFail(int n) { failures.store(n); }
 
 }  // extern "C"

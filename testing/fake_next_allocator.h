@@ -1,6 +1,6 @@
 // Test support: a next allocator that a test program loads ahead of the C library, so that the
 // program's entry points find it through RTLD_NEXT. It records every call with its arguments and
-// hands it to the C library's own allocator, unless it has been told to fail.
+// hands it to the C library's own allocator.
 #ifndef VIGILO_TESTING_FAKE_NEXT_ALLOCATOR_H_
 #define VIGILO_TESTING_FAKE_NEXT_ALLOCATOR_H_
 
@@ -20,8 +20,6 @@ struct fake_next_call {
 // Calls recorded so far; entries older than the last 4096 are overwritten.
 std::size_t fakeNextCallCount();
 fake_next_call fakeNextCallAt(std::size_t index);
-// The next `calls` allocations return null.
-void fakeNextFail(int calls);
 
 }  // extern "C"
 

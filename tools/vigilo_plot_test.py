@@ -104,17 +104,16 @@ def test_nothing_it_is_given_runs_a_command(plot, tmp_path):
         assert not (tmp_path / "ran").exists(), args
 
 
-def test_restarts_and_the_title_come_from_the_logs(tmp_path):
-    logs = [str(tmp_path / "orders-20261123-140000.csv"), str(tmp_path / "orders-20261123-140230.csv")]
+def test_logs_named_by_the_recorder_give_times_restarts_and_title(plot, tmp_path):
+    """The recorder's file names give each log's start: times run on across the logs, a restart
+    between them is marked and starts a segment, and the unit's name is the title."""
+    logs = ["orders-20261123-140000.csv", "orders-20261123-140230.csv"]
     for log in logs:
-        with open(log, "w") as out:
-            out.write(line(1000, 0) + line(151000, 3000000))
-    picture = vigilo_plot.Picture(600)
-    for log in logs:
-        with open(log, "rb") as stream:
-            vigilo_plot.read(picture, stream, vigilo_plot.start_of(log))
-    assert picture.restarts == [vigilo_plot.start_of(logs[0]) + 150]
-    assert vigilo_plot.default_title(logs) == "orders"
+        (tmp_path / log).write_text(line(1000, 0) + line(151000, 3000000))
+    assert plot("--rates", "-o", "p.svg", *logs) == (
+        0, "1795442550.000 20000.00\n1795442700.000 20000.00\n", summary(4, 0, 0, 2))
+    picture = (tmp_path / "p.svg").read_text()
+    assert ">orders<" in picture and "restart" in picture
 
 
 @pytest.mark.parametrize("value, shown", [

@@ -39,7 +39,6 @@ def test_one_connection_serves_until_the_engine_ends_it(run, scripted_engine):
 
 
 @pytest.mark.parametrize("answer, cause", [
-    (http_reply(404, "no such thing", "Not Found"), "GET /status answered 404 Not Found"),
     # The engine's words are shown, its control bytes escaped.
     (http_reply(500, "", "\x1b[2JOops\x7f"), "GET /status answered 500 \\x1b[2JOops\\x7f"),
     (http_reply(200, '{"status": [["a", 1]]}'),

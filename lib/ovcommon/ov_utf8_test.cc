@@ -4,22 +4,13 @@
 
 #include <cstdlib>
 #include <memory>
-#include <string>
 
 namespace {
 
-// Runs ov_CstrToUTF8 under the given LC_ALL and restores the environment afterwards.
+// Runs ov_CstrToUTF8 under the given LC_ALL, which nothing else in this program reads.
 std::unique_ptr<char, decltype(&std::free)> convertIn(const char* lcAll, const char* text) {
-  const char* old = std::getenv("LC_ALL");
-  const std::string saved = old ? old : "";
   setenv("LC_ALL", lcAll, 1);
-  std::unique_ptr<char, decltype(&std::free)> result(ov_CstrToUTF8(text), &std::free);
-  if (old) {
-    setenv("LC_ALL", saved.c_str(), 1);
-  } else {
-    unsetenv("LC_ALL");
-  }
-  return result;
+  return {ov_CstrToUTF8(text), &std::free};
 }
 
 // Under each locale, text the locale's encoding allows comes back unchanged, anything else is

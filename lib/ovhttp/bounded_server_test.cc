@@ -27,18 +27,19 @@ using tcp = asio::ip::tcp;
 using vigilo::test_support::eventually;
 using vigilo::test_support::slower;
 
-std::string many(const std::string& text, int count) {
-  std::string all;
-  while (count-- > 0) all += text;
-  return all;
-}
-
 // A request that asks the server to close the connection after its answer; two header fields.
-std::string requestText(const std::string& method, const std::string& path, const std::string& body,
-                        const std::string& headers = "") {
+std::string req(const std::string& method, const std::string& path, const std::string& body = "",
+                const std::string& headers = "") {
   return method + " " + path + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n" + headers +
          (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" +
          body;
+}
+
+// `count` header fields whose values are `size` bytes.
+std::string fields(int count, std::size_t size = 1) {
+  std::string all;
+  while (count-- > 0) all += "X-A: " + std::string(size, 'b') + "\r\n";
+  return all;
 }
 
 // A connection of the test's own, every wait bounded.
@@ -64,15 +65,13 @@ struct client {
     const auto head = in.find("\r\n\r\n");
     return head == std::string::npos ? in : in.substr(9, 4) + in.substr(head + 4);
   }
+  std::string ask(const std::string& bytes) {
+    send(bytes);
+    return answer();
+  }
   asio::io_context io;
   tcp::socket socket{io};
 };
-
-std::string ask(unsigned short port, const std::string& bytes) {
-  client c(port);
-  c.send(bytes);
-  return c.answer();
-}
 
 // The request and idle limits differ tenfold, so that one taken for the other shows.
 struct BoundedServerTest : ::testing::Test {
@@ -108,46 +107,40 @@ struct BoundedServerTest : ::testing::Test {
 
 TEST_F(BoundedServerTest, RefusesWhatPassesABoundAtItsEdge) {
   const std::string chunked = "Transfer-Encoding: chunked\r\n";
-  // Lines count their line ends; requestText() adds two header fields of its own.
+  // Lines count their line ends; req() adds two header fields of its own.
   const std::pair<std::string, std::string> cases[] = {
-      {requestText("GET", "/ping?" + std::string(8171, 'q'), ""), "200 pong\n"},
-      {requestText("GET", "/ping?" + std::string(8172, 'q'), ""),
-       "414 request line exceeds 8192 bytes\n"},
-      {requestText("GET", "/ping?" + std::string(20000, 'q'), ""),
-       "414 request line exceeds 8192 bytes\n"},
-      {requestText("GET", "/ping", "", many("X-A: b\r\n", 62)), "200 pong\n"},
-      {requestText("GET", "/ping", "", many("X-A: b\r\n", 63)), "431 more than 64 header fields\n"},
-      {requestText("GET", "/ping", "", "X-A: " + std::string(8185, 'b') + "\r\n"), "200 pong\n"},
-      {requestText("GET", "/ping", "", "X-A: " + std::string(8186, 'b') + "\r\n"),
-       "431 header field exceeds 8192 bytes\n"},
-      {requestText("GET", "/ping", "", many("X-A: " + std::string(8160, 'b') + "\r\n", 2)),
-       "200 pong\n"},
-      {requestText(
-           "GET", "/ping", "",
-           "X-A: " + std::string(8160, 'b') + "\r\nX-B: " + std::string(8161, 'b') + "\r\n"),
+      {req("GET", "/ping?" + std::string(8171, 'q')), "200 pong\n"},
+      {req("GET", "/ping?" + std::string(8172, 'q')), "414 request line exceeds 8192 bytes\n"},
+      {req("GET", "/ping?" + std::string(20000, 'q')), "414 request line exceeds 8192 bytes\n"},
+      {req("GET", "/ping", "", fields(62)), "200 pong\n"},
+      {req("GET", "/ping", "", fields(63)), "431 more than 64 header fields\n"},
+      {req("GET", "/ping", "", fields(1, 8185)), "200 pong\n"},
+      {req("GET", "/ping", "", fields(1, 8186)), "431 header field exceeds 8192 bytes\n"},
+      {req("GET", "/ping", "", fields(2, 8160)), "200 pong\n"},
+      {req("GET", "/ping", "", fields(1, 8160) + fields(1, 8161)),
        "431 request head exceeds 16384 bytes\n"},
-      {requestText("PUT", "/small/a", std::string(16, 'x')), "200 a took 16\n"},
-      {requestText("PUT", "/small/b", std::string(17, 'x')), "413 request body exceeds 16 bytes\n"},
-      {requestText("PUT", "/small/c", "", chunked) + "a\r\n0123456789\r\n6\r\n012345\r\n0\r\n\r\n",
+      {req("PUT", "/small/a", std::string(16, 'x')), "200 a took 16\n"},
+      {req("PUT", "/small/b", std::string(17, 'x')), "413 request body exceeds 16 bytes\n"},
+      {req("PUT", "/small/c", "", chunked) + "a\r\n0123456789\r\n6\r\n012345\r\n0\r\n\r\n",
        "200 c took 16\n"},
-      {requestText("PUT", "/small/d", "", chunked) + "a\r\n0123456789\r\n7\r\n0123456\r\n0\r\n\r\n",
+      {req("PUT", "/small/d", "", chunked) + "a\r\n0123456789\r\n7\r\n0123456\r\n0\r\n\r\n",
        "413 request body exceeds 16 bytes\n"},
-      {requestText("PUT", "/small/e", "x", "Content-Encoding: gzip\r\n"),
+      {req("PUT", "/small/e", "x", "Content-Encoding: gzip\r\n"),
        "415 request bodies are taken without a content encoding\n"},
-      {requestText("PUT", "/small/f", "x", "Transfer-Encoding: gzip\r\n"),
+      {req("PUT", "/small/f", "x", "Transfer-Encoding: gzip\r\n"),
        "400 unsupported Transfer-Encoding\n"},
       // Not HTTP: where such a request ends is unknown, so the connection ends with it.
       {"BAD\r\nHost: x\r\n\r\n", "400 bad request\n"},
-      {requestText("GET", "/nope%0a", ""), "404 no such resource /nope\\x0a\n"},
-      {requestText("PUT", "/small/a/b", "x"), "404 no such resource /small/a/b\n"},
-      {requestText("POST", "/ping", "x"), "405 method POST not allowed on /ping\n"},
-      {requestText("HEAD", "/ping", ""), "200 "},
+      {req("GET", "/nope%0a"), "404 no such resource /nope\\x0a\n"},
+      {req("PUT", "/small/a/b", "x"), "404 no such resource /small/a/b\n"},
+      {req("POST", "/ping", "x"), "405 method POST not allowed on /ping\n"},
+      {req("HEAD", "/ping"), "200 "},
   };
   for (const auto& [bytes, expected] : cases) {
-    EXPECT_EQ(ask(port, bytes), expected) << bytes.substr(0, 60);
+    EXPECT_EQ(client(port).ask(bytes), expected) << bytes.substr(0, 60);
   }
   client refused(port);
-  refused.send(requestText("DELETE", "/ping", ""));
+  refused.send(req("DELETE", "/ping"));
   EXPECT_NE(refused.received().find("\r\nAllow: GET, HEAD\r\n"), std::string::npos);
 }
 
@@ -174,14 +167,14 @@ TEST_F(BoundedServerTest, ServesUpToTheCapAndRefusesTheNext) {
   dawdling.send("PUT /small/x HTTP/1.1\r\nContent-Length: 9\r\n\r\nabc");
   ASSERT_TRUE(openConnectionsReach(3));
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(ask(port, requestText("GET", "/ping", "")), "200 pong\n");  // the fourth
+  EXPECT_EQ(client(port).ask(req("GET", "/ping")), "200 pong\n");  // the fourth
   EXPECT_LT(std::chrono::steady_clock::now() - start, 100ms * slower);
   EXPECT_EQ(threads(), before);
   ASSERT_TRUE(openConnectionsReach(3));
   client fourth(port);
   ASSERT_TRUE(openConnectionsReach(4));
   client fifth(port);
-  fifth.send(requestText("GET", "/ping", ""));
+  fifth.send(req("GET", "/ping"));
   const std::string refusal = fifth.received();
   EXPECT_EQ(refusal.substr(0, 12), "HTTP/1.1 503");
   EXPECT_NE(refusal.find("\r\nRetry-After: 1\r\n"), std::string::npos) << refusal;
@@ -198,7 +191,7 @@ TEST_F(BoundedServerTest, ARequestHasLessTimeThanAnIdleConnection) {
             "408 request not complete within " + std::to_string(300 * slower) + " ms\n");
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms * slower);
   std::this_thread::sleep_for(200ms * slower);  // past the request limit, well short of the idle
-  idle.send(requestText("GET", "/ping", ""));
+  idle.send(req("GET", "/ping"));
   EXPECT_EQ(idle.answer(), "200 pong\n");
   EXPECT_EQ(quiet.received(), "");
   const auto closed = std::chrono::steady_clock::now() - start;
@@ -210,7 +203,7 @@ TEST_F(BoundedServerTest, ARequestHasLessTimeThanAnIdleConnection) {
 TEST_F(BoundedServerTest, StopsWithinASecondWhateverTheClientsDo) {
   client idle(port), slow(port), busy(port);
   slow.send("PUT /small/x HTTP/1.1\r\nContent-Length: 9\r\n\r\nab");
-  busy.send(requestText("GET", "/busy", ""));
+  busy.send(req("GET", "/busy"));
   ASSERT_TRUE(openConnectionsReach(3));
   std::this_thread::sleep_for(50ms);  // the busy handler runs
   const auto start = std::chrono::steady_clock::now();

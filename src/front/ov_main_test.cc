@@ -83,25 +83,6 @@ class OvMainTest : public ::testing::Test {
   }
 };
 
-TEST_F(OvMainTest, ReleasesFileThenWatcherThenConnectionThenLibrary) {
-  const std::string path = ::testing::TempDir() + "/vigilo_release_order.csv";
-  fakeClient().fetches = {good(42)};
-  std::string fileAtDisconnect, errAtDisconnect;
-  fakeClient().onDisconnect = [&] {
-    std::ifstream file(path);
-    fileAtDisconnect.assign(std::istreambuf_iterator<char>(file), {});
-    errAtDisconnect = static_cast<std::stringbuf*>(std::cerr.rdbuf())->str();
-  };
-  const auto result = runVigilo({"-v", "-o", "-r", "-f", path});
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, "vigilo starting...\nvigilo done\n");
-  EXPECT_EQ(fakeClient().calls, watchOf(1));
-  EXPECT_EQ(fileAtDisconnect, rawLine(42) + "\n");
-  EXPECT_EQ(errAtDisconnect, result.err);
-  std::remove(path.c_str());
-}
-
 struct run_case {
   const char* name;
   std::vector<std::string> args;
@@ -129,9 +110,22 @@ const std::string noRate = "\nEvent rate over last interval: -\n\n";
 const std::string controlC = "Control-C to exit...\n";
 const calls connectFailed = {"init vigilo", "connect localhost:15903", "shutdown"};
 const calls disconnected = {"init vigilo", "connect localhost:15903", "fetch", "disconnect"};
+const std::string releaseFile = ::testing::TempDir() + "/vigilo_release_order.csv";
 
 // clang-format off
 INSTANTIATE_TEST_SUITE_P(Rows, RunTest, ::testing::Values(
+    // The file is complete, and the watch done, before the connection is released.
+    run_case{"file_then_watcher_then_connection", {"-v", "-o", "-r", "-f", releaseFile},
+             [](fake_client& f) {
+               f.onDisconnect = [] {
+                 std::ifstream file(releaseFile);
+                 EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), rawLine(0) + "\n");
+                 EXPECT_EQ(static_cast<std::stringbuf*>(std::cerr.rdbuf())->str(),
+                           "vigilo starting...\nvigilo done\n");
+                 std::remove(releaseFile.c_str());
+               };
+             },
+             0, "", "vigilo starting...\nvigilo done\n", watchOf(1)},
     run_case{"init_throws", {"-o"}, [](fake_client& f) { f.onInit = throwing("no licence"); },
              1, "", "Failed to initialise engine library: no licence\n", {"init vigilo"}},
     run_case{"connect_throws", {"-o", "-p", "8080", "-n", "engine"},
