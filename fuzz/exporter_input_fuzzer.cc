@@ -2,8 +2,6 @@
 // target, an --allow-target rule, a scrape-timeout header and the rest of a command line. None
 // of them may crash it or read out of bounds; a target it accepts is one it can write back and
 // read again, and a probe's time limit stays within the configured one.
-#include <arpa/inet.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -14,16 +12,6 @@
 #include "exporter_routes.h"
 #include "targets.h"
 #include "testing/argument_vector.h"
-
-namespace {
-
-bool numeric(const std::string& host) {
-  unsigned char address[16];
-  return inet_pton(AF_INET, host.c_str(), address) == 1 ||
-         inet_pton(AF_INET6, host.c_str(), address) == 1;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::vector<std::string> pieces(1);
@@ -36,9 +24,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   pieces.resize(std::max<std::size_t>(pieces.size(), 3));
 
-  if (const auto t = exporter::parseTarget(pieces[0])) {
+  if (const auto t = exporter::parseTarget(pieces[0]).parsed) {
     if (t->port == 0 || t->host.empty() || t->host.size() > 253) std::abort();
-    const auto again = exporter::parseTarget(exporter::targetText(*t));
+    const auto again = exporter::parseTarget(t->text()).parsed;
     if (!again || again->host != t->host || again->port != t->port) std::abort();
     // Names would ask a name server; addresses are checked against the rules only. No control
     // byte gets through: a NUL would end the name early for the resolver.
@@ -47,8 +35,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     exporter::target_rules rules;
     rules.add(pieces[1]);
-    const bool allowed = rules.named(*t) || rules.allowsAll({t->host});
-    if (allowed && !numeric(t->host) && !rules.named(*t)) std::abort();
+    const auto address = ovnet::address::parse(t->host);
+    const bool allowed = rules.named(*t) || (address && rules.allowsAll({*address}));
+    if (allowed && !address && !rules.named(*t)) std::abort();
+  } else if (exporter::parseTarget(pieces[0]).why.empty()) {
+    std::abort();  // a refusal always says why
   }
 
   const std::chrono::milliseconds configured(10000);
@@ -60,10 +51,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   vigilo::test_support::argument_vector argv(std::move(args));
   exporter::exporter_options options;
   std::string error;
-  if (exporter::parseExporterOptions(argv.argc(), argv.argv(), options, error)) {
-    if (!error.empty() || options.probeTimeout.count() <= 0) std::abort();
-  } else if (error.empty()) {
-    std::abort();
-  }
+  const auto outcome = exporter::parseExporterOptions(argv.argc(), argv.argv(), options, error);
+  if (outcome == ovhttp::command_line::refused ? error.empty() : !error.empty()) std::abort();
+  if (outcome == ovhttp::command_line::run && options.probeTimeout.count() <= 0) std::abort();
   return 0;
 }

@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "client_status.h"
-#include "http_connection.h"
+#include "engine_connection.h"
 #include "http_response_reader.h"
 #include "status/EngineStatus.h"
 #include "status_document.h"
@@ -34,8 +36,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (reader.body().size() > 4096) __builtin_trap();
 
   std::string error;
+  pair_table table;
+  if (!documents.read(reader.body(), table, error)) return 0;
+  std::vector<std::pair<std::string, std::string>> pairs;
+  for (std::size_t i = 0; i < table.size(); ++i) pairs.emplace_back(table.key(i), table.value(i));
   client_status::owned status = client_status::take();
-  if (!documents.read(reader.body(), status->pairs, error)) return 0;
+  status->snapshot = snapshotOf(pairs);
   EngineStatus record(status.release()->handOut());
   std::size_t seen = 0;
   for (auto it = record.begin(); it != record.end(); ++it) seen += it.key().size();
