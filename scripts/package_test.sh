@@ -91,7 +91,8 @@ if [ "$(id -u)" -eq 0 ] && ! dpkg-query -W vigilo >/dev/null 2>&1; then
   dpkg -r vigilo >&2 || fail "dpkg -r"
   [ ! -e /usr/lib/systemd/system/vigilo@.service ] || fail "dpkg -r left the unit"
   dpkg -P vigilo >&2 || fail "dpkg -P"
-  left=$(find /etc/systemd/system /etc/default /var/log /var/lib/systemd -name '*vigilo*' 2>/dev/null)
+  # A file that vanishes while find walks these trees makes it fail; only what it prints counts.
+  left=$(find /etc/systemd/system /etc/default /var/log /var/lib/systemd -name '*vigilo*' 2>/dev/null || true)
   [ -z "$left" ] || fail "purge left $left"
 else
   echo "package: not root, or vigilo installed: install, upgrade, remove and purge not tried" >&2
