@@ -5,6 +5,8 @@
 # maintainer scripts through install, upgrade, remove and purge, and `cmake --install` into a
 # prefix of its own.
 set -euo pipefail
+# A step that fails without a word of its own still names itself in the log.
+trap 'echo "package: stopped at line $LINENO: $BASH_COMMAND" >&2' ERR
 cd "$(dirname "$0")/.."
 
 deb=$(bash scripts/package.sh | tail -n 1)
