@@ -19,7 +19,7 @@ root=$PWD/build-debian-$release
 # The mounts go first, and the removal never leaves the root's own file system, so that nothing of
 # this machine's /dev, /proc or /sys is touched.
 remove_root() {
-  findmnt -rn -o TARGET | grep "^$root/" | sort -r | xargs -r umount -l
+  findmnt -rn -o TARGET | { grep "^$root/" || true; } | sort -r | xargs -r umount -l
   rm -rf --one-file-system "$root"
 }
 trap remove_root EXIT
