@@ -93,6 +93,7 @@ class connection : public std::enable_shared_from_this<connection> {
   void start() { readRequest(); }
   // Answers with `status` and `why` before any handler has seen the request, then closes.
   void refuse(int status, const std::string& why);
+  void refuse(const refusal& why) { refuse(why.status, why.reason); }
   void close();
 
  private:
@@ -185,8 +186,6 @@ void connection::readMore() {
 void connection::parse() {
   request_reader& r = *reader;
   const server_limits& limits = server.limits;
-  const std::string headTooLong =
-      "request head exceeds " + std::to_string(limits.maxHeadBytes) + " bytes";
   while (buffer.size() > 0 && !r.is_done()) {
     const bool headRead = r.is_header_done();
     error_code ec;
@@ -198,7 +197,7 @@ void connection::parse() {
     // The parser bounds the request line and the fields each on their own; the head as a whole
     // is bounded here. It has just been taken whole, and nothing after it.
     if (!headRead && r.is_header_done() && taken > limits.maxHeadBytes) {
-      return refuse(431, headTooLong);
+      return refuse(headTooLong(limits));
     }
   }
   if (r.is_done()) return handle();
@@ -206,13 +205,13 @@ void connection::parse() {
   if (!r.requestLineSeen && buffer.size() >= limits.maxRequestLine &&
       std::string_view(static_cast<const char*>(buffer.data().data()), limits.maxRequestLine)
               .find("\r\n") == std::string_view::npos) {
-    return refuse(414, "request line exceeds " + std::to_string(limits.maxRequestLine) + " bytes");
+    return refuse(requestLineTooLong(limits));
   }
   if (!r.is_header_done() && taken + buffer.size() > limits.maxHeadBytes) {
-    return refuse(431, headTooLong);
+    return refuse(headTooLong(limits));
   }
   if (taken + buffer.size() > limits.maxHeadBytes + r.bodyLimit + framingAllowance) {
-    return refuse(413, "request body exceeds " + std::to_string(r.bodyLimit) + " bytes");
+    return refuse(bodyTooLong(r.bodyLimit));
   }
   if (r.is_header_done() && r.expectsContinue && !continueSent) {
     continueSent = true;
@@ -230,15 +229,9 @@ void connection::refuseRequest(error_code ec) {
   const request_reader& r = *reader;
   const server_limits& limits = server.limits;
   if (r.refusalStatus != 0) return refuse(r.refusalStatus, r.refusalReason);
-  if (ec == http::error::body_limit) {
-    return refuse(413, "request body exceeds " + std::to_string(r.bodyLimit) + " bytes");
-  }
+  if (ec == http::error::body_limit) return refuse(bodyTooLong(r.bodyLimit));
   if (ec == http::error::header_limit) {
-    if (!r.requestLineSeen) {
-      return refuse(414,
-                    "request line exceeds " + std::to_string(limits.maxRequestLine) + " bytes");
-    }
-    return refuse(431, "request head exceeds " + std::to_string(limits.maxHeadBytes) + " bytes");
+    return refuse(r.requestLineSeen ? headTooLong(limits) : requestLineTooLong(limits));
   }
   refuse(400, "bad request");
 }

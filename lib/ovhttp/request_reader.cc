@@ -15,15 +15,27 @@ bool is(boost::beast::string_view text, const char* word) {
 
 }  // namespace
 
+refusal requestLineTooLong(const server_limits& limits) {
+  return {414, "request line exceeds " + std::to_string(limits.maxRequestLine) + " bytes"};
+}
+
+refusal headTooLong(const server_limits& limits) {
+  return {431, "request head exceeds " + std::to_string(limits.maxHeadBytes) + " bytes"};
+}
+
+refusal bodyTooLong(std::size_t bodyLimit) {
+  return {413, "request body exceeds " + std::to_string(bodyLimit) + " bytes"};
+}
+
 request_reader::request_reader(const server_limits& limits, const route_table& routes)
     : bodyLimit(limits.maxBodyBytes), limits(limits), routes(routes) {
   header_limit(static_cast<std::uint32_t>(limits.maxHeadBytes));
   body_limit(limits.maxBodyBytes);
 }
 
-void request_reader::refuse(int status, std::string reason, boost::beast::error_code& ec) {
-  refusalStatus = status;
-  refusalReason = std::move(reason);
+void request_reader::refuse(refusal why, boost::beast::error_code& ec) {
+  refusalStatus = why.status;
+  refusalReason = std::move(why.reason);
   ec = boost::system::errc::make_error_code(boost::system::errc::operation_canceled);
 }
 
@@ -34,8 +46,7 @@ void request_reader::on_request_impl(http::verb, boost::beast::string_view metho
   version = httpVersion;
   // "METHOD TARGET HTTP/1.1\r\n"
   if (methodText.size() + target.size() + 12 > limits.maxRequestLine) {
-    return refuse(414, "request line exceeds " + std::to_string(limits.maxRequestLine) + " bytes",
-                  ec);
+    return refuse(requestLineTooLong(limits), ec);
   }
   taken.method.assign(methodText.data(), methodText.size());
   const std::string_view whole(target.data(), target.size());
@@ -54,19 +65,19 @@ void request_reader::on_request_impl(http::verb, boost::beast::string_view metho
 void request_reader::on_field_impl(http::field name, boost::beast::string_view nameText,
                                    boost::beast::string_view value, boost::beast::error_code& ec) {
   if (++fields > limits.maxHeaderFields) {
-    return refuse(431, "more than " + std::to_string(limits.maxHeaderFields) + " header fields",
+    return refuse({431, "more than " + std::to_string(limits.maxHeaderFields) + " header fields"},
                   ec);
   }
   // "Name: value\r\n"
   if (nameText.size() + value.size() + 4 > limits.maxFieldLine) {
-    return refuse(431, "header field exceeds " + std::to_string(limits.maxFieldLine) + " bytes",
+    return refuse({431, "header field exceeds " + std::to_string(limits.maxFieldLine) + " bytes"},
                   ec);
   }
   if (name == http::field::content_encoding && !is(value, "identity")) {
-    return refuse(415, "request bodies are taken without a content encoding", ec);
+    return refuse({415, "request bodies are taken without a content encoding"}, ec);
   }
   if (name == http::field::transfer_encoding && !is(value, "chunked")) {
-    return refuse(400, "unsupported Transfer-Encoding", ec);
+    return refuse({400, "unsupported Transfer-Encoding"}, ec);
   }
   if (name == http::field::expect && is(value, "100-continue")) expectsContinue = true;
   taken.headers.emplace_back(std::string(nameText.data(), nameText.size()),

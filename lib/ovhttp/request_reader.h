@@ -16,6 +16,16 @@ namespace ovhttp {
 
 namespace http = boost::beast::http;
 
+// A request refused for passing a bound: its status and the reason the client reads.
+struct refusal {
+  int status;
+  std::string reason;
+};
+// Each bound's refusal, the same wherever the bound is found passed.
+refusal requestLineTooLong(const server_limits& limits);
+refusal headTooLong(const server_limits& limits);
+refusal bodyTooLong(std::size_t bodyLimit);
+
 class request_reader : public http::basic_parser<true> {
  public:
   request_reader(const server_limits& limits, const route_table& routes);
@@ -33,7 +43,7 @@ class request_reader : public http::basic_parser<true> {
   int version = 11;
 
  private:
-  void refuse(int status, std::string reason, boost::beast::error_code& ec);
+  void refuse(refusal why, boost::beast::error_code& ec);
 
   void on_request_impl(http::verb method, boost::beast::string_view methodText,
                        boost::beast::string_view target, int version,
