@@ -1,19 +1,8 @@
 #include "request_reader.h"
 
-#include <strings.h>
-
 #include <boost/system/error_code.hpp>
-#include <cstring>
 
 namespace ovhttp {
-
-namespace {
-
-bool is(boost::beast::string_view text, const char* word) {
-  return text.size() == std::strlen(word) && strncasecmp(text.data(), word, text.size()) == 0;
-}
-
-}  // namespace
 
 refusal requestLineTooLong(const server_limits& limits) {
   return {414, "request line exceeds " + std::to_string(limits.maxRequestLine) + " bytes"};
@@ -73,15 +62,15 @@ void request_reader::on_field_impl(http::field name, boost::beast::string_view n
     return refuse({431, "header field exceeds " + std::to_string(limits.maxFieldLine) + " bytes"},
                   ec);
   }
-  if (name == http::field::content_encoding && !is(value, "identity")) {
+  const std::string_view text(value.data(), value.size());
+  if (name == http::field::content_encoding && !sameText(text, "identity")) {
     return refuse({415, "request bodies are taken without a content encoding"}, ec);
   }
-  if (name == http::field::transfer_encoding && !is(value, "chunked")) {
+  if (name == http::field::transfer_encoding && !sameText(text, "chunked")) {
     return refuse({400, "unsupported Transfer-Encoding"}, ec);
   }
-  if (name == http::field::expect && is(value, "100-continue")) expectsContinue = true;
-  taken.headers.emplace_back(std::string(nameText.data(), nameText.size()),
-                             std::string(value.data(), value.size()));
+  if (name == http::field::expect && sameText(text, "100-continue")) expectsContinue = true;
+  taken.headers.emplace_back(std::string(nameText.data(), nameText.size()), std::string(text));
 }
 
 void request_reader::on_body_init_impl(const boost::optional<std::uint64_t>& length,

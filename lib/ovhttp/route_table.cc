@@ -13,11 +13,11 @@ int hexDigit(char c) {
   return -1;
 }
 
+}  // namespace
+
 bool sameText(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
-
-}  // namespace
 
 std::string percentDecoded(std::string_view text, bool plusIsBlank) {
   std::string decoded;

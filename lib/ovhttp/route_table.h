@@ -41,6 +41,10 @@ class route_table {
 // not one stays as it is.
 std::string percentDecoded(std::string_view text, bool plusIsBlank);
 
+// Whether two texts are the same but for the case of their ASCII letters, as header names and
+// the values of some headers are compared.
+bool sameText(std::string_view a, std::string_view b);
+
 }  // namespace ovhttp
 
 #endif  // VIGILO_LIB_OVHTTP_ROUTE_TABLE_H_
