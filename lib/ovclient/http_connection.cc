@@ -166,7 +166,7 @@ http_connection::exchange_result http_connection::exchange(const std::string& pa
 const http_response& http_connection::get(const std::string& path) {
   // One limit for the whole response, a request sent once more included.
   const ovnet::deadline until = clock_type::now() + std::chrono::milliseconds(limits.responseMs);
-  for (int attempt = 0;; ++attempt) {
+  for (;;) {
     bool reused = fd >= 0;
     // A connection that has just answered is still open; one that has waited may have been
     // closed by the engine meanwhile.
@@ -182,8 +182,9 @@ const http_response& http_connection::get(const std::string& path) {
     }
     closeSocket();
     // The engine may close a kept-alive connection just as a request goes out: that request got
-    // no answer at all and is safe to send once more on a new connection.
-    if (reused && attempt == 0 && !r.receivedAnything && !r.timedOut) continue;
+    // no answer at all and is safe to send once more on a new connection, which is never reused,
+    // so the request goes out twice at most.
+    if (reused && !r.receivedAnything && !r.timedOut) continue;
     // "GET /status: Connection reset by peer", "GET /status timed out after 300 ms".
     throw std::runtime_error("GET " + path + (r.timedOut ? " " : ": ") + r.error);
   }
