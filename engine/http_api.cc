@@ -79,7 +79,6 @@ void installRoutes(ovhttp::bounded_server& server, event_engine& engine, int por
     const std::size_t count = events.size();
     switch (engine.submit(std::move(events))) {
       case submit_result::busy:
-        res.headers.emplace_back("Retry-After", "1");
         return reply(
             res, 503,
             "engine busy: " + std::to_string(limits::eventsInFlight) + " events in flight");

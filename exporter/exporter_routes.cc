@@ -60,10 +60,7 @@ void installRoutes(ovhttp::bounded_server& server, prober& probes,
     const auto limit =
         probeTimeLimit(probeTimeout, req.header("X-Prometheus-Scrape-Timeout-Seconds"));
     prober::answer answer = probes.probe(*t.parsed, limit, debug == "true");
-    if (answer.status != 200) {
-      if (answer.status == 503) res.headers.emplace_back("Retry-After", "1");
-      return reply(res, answer.status, answer.body);
-    }
+    if (answer.status != 200) return reply(res, answer.status, answer.body);
     res.contentType = debug == "true" ? "text/plain; charset=utf-8" : expositionType;
     res.body = std::move(answer.body);
   });

@@ -286,7 +286,6 @@ void connection::respond(response res) {
 void connection::refuse(int status, const std::string& why) {
   response res;
   reply(res, status, why);
-  if (status == 503) res.headers.emplace_back("Retry-After", "1");
   write(std::move(res), true);
 }
 
@@ -297,6 +296,7 @@ void connection::write(response res, bool closeAfter) {
   http::response<http::string_body>& message = *outgoing;
   message.set(http::field::content_type, res.contentType);
   for (const auto& [name, value] : res.headers) message.set(name, value);
+  if (res.status == 503) message.set(http::field::retry_after, "1");
   message.body() = std::move(res.body);
   message.prepare_payload();
   if (headOnly) message.body().clear();  // its length stays announced

@@ -62,8 +62,10 @@ struct response {
   int status = 200;
   std::string contentType = "text/plain";
   std::string body;
-  header_list headers;  // besides Content-Type, Content-Length and Connection
-  bool close = false;   // the connection ends after this response
+  // Besides Content-Type, Content-Length and Connection, and Retry-After, which every 503 carries:
+  // this server's 503 always means busy for now.
+  header_list headers;
+  bool close = false;  // the connection ends after this response
 };
 
 // A response whose whole body is `text` and a line end: every refusal says why in one line.
