@@ -79,7 +79,7 @@ EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short po
     const std::string cause = found.end == ovnet::wait_end::timedOut
                                   ? "timed out after " + std::to_string(limits.connectMs) + " ms"
                                   : found.error;
-    throw EngineException(printable("Could not connect to engine at " + where + ": " + cause));
+    throw EngineException(client::couldNotConnect(where, cause));
   }
   auto management = std::make_unique<EngineManagement>(std::make_unique<client::engine_connection>(
       where, std::move(found.addresses), limits, userAgent));

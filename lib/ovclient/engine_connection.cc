@@ -80,6 +80,10 @@ std::uint64_t status_snapshot::number(std::string_view key) const {
   return value == nullptr ? 0 : statusNumber(value);
 }
 
+std::string couldNotConnect(const std::string& where, const std::string& cause) {
+  return printable("Could not connect to engine at " + where + ": " + cause);
+}
+
 status_snapshot snapshotOf(const std::vector<std::pair<std::string, std::string>>& pairs) {
   status_snapshot snapshot;
   for (const auto& [key, value] : pairs) snapshot.table.add(key, value);
@@ -114,7 +118,7 @@ void engine_connection::open(ovnet::deadline until) {
   try {
     connection->open(until);
   } catch (const std::exception& e) {
-    throw EngineException(printable("Could not connect to engine at " + where() + ": " + e.what()));
+    throw EngineException(couldNotConnect(where(), e.what()));
   }
 }
 
@@ -127,7 +131,7 @@ void engine_connection::ping() {
     failure = e.what();
   }
   if (!failure.empty()) {
-    throw EngineException(printable("Could not connect to engine at " + where() + ": " + failure));
+    throw EngineException(couldNotConnect(where(), failure));
   }
 }
 

@@ -85,6 +85,10 @@ status_snapshot snapshotOf(const std::vector<std::pair<std::string, std::string>
 // The numeric reading of a value, as status_snapshot::number does it.
 std::uint64_t statusNumber(std::string_view value);
 
+// "Could not connect to engine at WHERE: CAUSE", its control bytes escaped: how every failure to
+// reach an engine reads, the lookup's included.
+std::string couldNotConnect(const std::string& where, const std::string& cause);
+
 class http_connection;
 class status_document_reader;
 
