@@ -86,6 +86,17 @@ std::string currentCodeset() {
   return codeset;
 }
 
+// Text of ISO C's basic characters only (letters, digits, space and 29 marks), which every locale
+// encodes as ASCII does: it needs neither the locale's codeset, whose finding loads the locale's
+// character data and is the costliest step of a start, nor a conversion.
+bool isPortable(const char* text) {
+  for (; *text != '\0'; ++text) {
+    const unsigned char c = static_cast<unsigned char>(*text);
+    if (c < 0x20 || c > 0x7e || c == '$' || c == '@' || c == '`') return false;
+  }
+  return true;
+}
+
 bool isUtf8Codeset(const std::string& codeset) {
   return strcasecmp(codeset.c_str(), "UTF-8") == 0 || strcasecmp(codeset.c_str(), "UTF8") == 0;
 }
@@ -119,6 +130,7 @@ char* convertWithIconv(const char* text, const std::string& codeset) {
 
 char* ov_CstrToUTF8(const char* text) {
   if (text == nullptr) return nullptr;
+  if (isPortable(text)) return strdup(text);
   const std::string codeset = currentCodeset();
   if (isUtf8Codeset(codeset)) {
     if (!isStrictUtf8(text)) return nullptr;
