@@ -82,9 +82,10 @@ struct ThreadAttributes {
 
 class Thread {
  public:
-  // Starts a joinable thread that runs `helper` and then deletes it. Takes ownership of `helper`
-  // in every case, also when it throws. `detached` must be false (every thread of the library is
-  // joined). Throws EngineException when the thread cannot be started. Returns its handle.
+  // Starts a joinable thread that runs `helper`; joinThread deletes it. Takes ownership of
+  // `helper` in every case, also when it throws. `detached` must be false (every thread of the
+  // library is joined). Throws EngineException when the thread cannot be started. Returns its
+  // handle.
   static std::uint64_t createThread(ThreadHelper* helper, bool detached,
                                     const ThreadAttributes& attributes);
   // Waits for the thread to end. Throws EngineException for an unknown handle.
