@@ -33,8 +33,9 @@ struct lookup {
 };
 
 // The one thread that asks the system's name service, lookup after lookup: a name service call
-// cannot be given up, so it runs there and its caller waits only as long as it may. Started with
-// the first name, and never stopped, as it may be in a lookup when the process ends.
+// cannot be given up, so it runs there and its caller waits only as long as it may. It starts when
+// a name arrives and none runs, and ends once no name waits: a program that looks up its host once
+// leaves no idle thread for the end of the process to stop.
 class lookup_thread {
  public:
   static lookup_thread& instance() {
@@ -44,19 +45,22 @@ class lookup_thread {
   void submit(std::shared_ptr<lookup> job) {
     std::lock_guard<std::mutex> lock(mutex);
     jobs.push_back(std::move(job));
-    work.notify_one();
+    if (!running) {
+      std::thread([this] { run(); }).detach();
+      running = true;
+    }
   }
 
  private:
-  lookup_thread() {
-    std::thread([this] { run(); }).detach();
-  }
   void run() {
     for (;;) {
       std::shared_ptr<lookup> job;
       {
-        std::unique_lock<std::mutex> lock(mutex);
-        work.wait(lock, [this] { return !jobs.empty(); });
+        std::lock_guard<std::mutex> lock(mutex);
+        if (jobs.empty()) {
+          running = false;
+          return;
+        }
         job = std::move(jobs.front());
         jobs.pop_front();
       }
@@ -76,8 +80,8 @@ class lookup_thread {
   }
 
   std::mutex mutex;
-  std::condition_variable work;
   std::deque<std::shared_ptr<lookup>> jobs;
+  bool running = false;
 };
 
 }  // namespace
