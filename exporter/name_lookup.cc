@@ -71,7 +71,8 @@ ovnet::lookup_result name_lookup::resolve(const std::string& host, unsigned shor
   ares_getaddrinfo(raw, host.c_str(), service.c_str(), &hints, answered, &result);
   while (!result.done) {
     // Until the deadline, or sooner when c-ares has a time-out of its own to keep.
-    timeval longest{ovnet::msLeft(until) / 1000, ovnet::msLeft(until) % 1000 * 1000};
+    const int left = ovnet::msLeft(until);
+    timeval longest{left / 1000, left % 1000 * 1000};
     timeval next{};
     const timeval* own = ares_timeout(raw, &longest, &next);
     const ovnet::deadline wake =
@@ -80,9 +81,9 @@ ovnet::lookup_result name_lookup::resolve(const std::string& host, unsigned shor
     std::vector<pollfd> fds;
     for (const auto& [fd, events] : result.sockets) fds.push_back({fd, events, 0});
     const ovnet::wait_end end = ovnet::waitReady(fds, wake, abandon);
-    if (end == ovnet::wait_end::abandoned) return {{}, "abandoned", end};
+    if (end == ovnet::wait_end::abandoned) return ovnet::givenUp(end);
     if (end == ovnet::wait_end::timedOut) {
-      if (ovnet::msLeft(until) == 0) return {{}, "no answer in time", end};
+      if (ovnet::msLeft(until) == 0) return ovnet::givenUp(end);
       ares_process_fd(raw, ARES_SOCKET_BAD, ARES_SOCKET_BAD);  // its own time-outs
       continue;
     }

@@ -86,6 +86,10 @@ class lookup_thread {
 
 }  // namespace
 
+lookup_result givenUp(wait_end end) {
+  return {{}, end == wait_end::abandoned ? "abandoned" : "no answer in time", end};
+}
+
 lookup_result system_resolver::resolve(const std::string& host, unsigned short port, deadline until,
                                        const std::atomic<bool>* abandon) const {
   if (const auto numeric = address::parse(host, port)) return {{*numeric}, ""};
@@ -93,8 +97,8 @@ lookup_result system_resolver::resolve(const std::string& host, unsigned short p
   lookup_thread::instance().submit(job);
   std::unique_lock<std::mutex> lock(job->mutex);
   while (!job->finished) {
-    if (abandoned(abandon)) return {{}, "", wait_end::abandoned};
-    if (clock_type::now() >= until) return {{}, "", wait_end::timedOut};
+    if (abandoned(abandon)) return givenUp(wait_end::abandoned);
+    if (clock_type::now() >= until) return givenUp(wait_end::timedOut);
     job->done.wait_until(
         lock, abandon != nullptr ? std::min(until, clock_type::now() + checkInterval) : until);
   }

@@ -23,6 +23,9 @@ struct lookup_result {
   wait_end end = wait_end::ready;  // timedOut or abandoned when the lookup was given up
 };
 
+// The result of a lookup given up as `end` says, by its deadline or abandoned: every resolver's.
+lookup_result givenUp(wait_end end);
+
 class resolver {
  public:
   virtual ~resolver() = default;
