@@ -77,7 +77,7 @@ EngineManagement* connectToEngineMonitorOnly(const char* host, unsigned short po
   ovnet::lookup_result found = ovnet::system_resolver().resolve(host, port, until, nullptr);
   if (found.addresses.empty()) {
     const std::string cause = found.end == ovnet::wait_end::timedOut
-                                  ? "timed out after " + std::to_string(limits.connectMs) + " ms"
+                                  ? ovnet::timedOutAfter(limits.connectMs)
                                   : found.error;
     throw EngineException(client::couldNotConnect(where, cause));
   }

@@ -19,8 +19,6 @@ namespace {
 using ovnet::clock_type;
 using ovnet::wait_end;
 
-std::string timedOut(int ms) { return "timed out after " + std::to_string(ms) + " ms"; }
-
 }  // namespace
 
 struct http_connection::exchange_result {
@@ -45,7 +43,7 @@ void http_connection::shrink(std::size_t bytes) {
 }
 
 std::string http_connection::ended(int limitMs) const {
-  return ovnet::abandoned(limits.abandon) ? "abandoned" : timedOut(limitMs);
+  return ovnet::abandoned(limits.abandon) ? "abandoned" : ovnet::timedOutAfter(limitMs);
 }
 
 void http_connection::closeSocket() {

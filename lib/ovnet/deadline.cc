@@ -11,6 +11,8 @@ int msLeft(deadline until) {
   return left < 0 ? 0 : static_cast<int>(std::min<long long>(left, 1 << 30));
 }
 
+std::string timedOutAfter(int ms) { return "timed out after " + std::to_string(ms) + " ms"; }
+
 wait_end waitReady(std::span<pollfd> fds, deadline until, const std::atomic<bool>* abandon) {
   for (;;) {
     if (abandoned(abandon)) return wait_end::abandoned;

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <span>
+#include <string>
 
 namespace ovnet {
 
@@ -19,6 +20,9 @@ inline constexpr std::chrono::milliseconds checkInterval{50};
 
 // Milliseconds left before `until`, at least 0.
 int msLeft(deadline until);
+
+// "timed out after MS ms": how a limit of `ms` that ran out reads.
+std::string timedOutAfter(int ms);
 
 // Whether the caller's flag says to give up; a null flag never does.
 inline bool abandoned(const std::atomic<bool>* abandon) {
