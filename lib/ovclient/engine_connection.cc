@@ -136,7 +136,7 @@ void engine_connection::ping() {
 }
 
 status_snapshot engine_connection::status(status_snapshot reused) {
-  std::string failure;
+  std::string failure, why;
   try {
     const http_response& response = connection->get("/status");
     if (logEnabled(LogLevel::debug)) {

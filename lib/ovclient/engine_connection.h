@@ -119,7 +119,6 @@ class engine_connection {
  private:
   std::unique_ptr<http_connection> connection;
   std::unique_ptr<status_document_reader> reader;  // its buffers serve every document
-  std::string why;
 };
 
 }  // namespace com::orvex::client
