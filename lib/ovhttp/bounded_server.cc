@@ -402,7 +402,7 @@ int bounded_server::bindTo(const std::string& host, unsigned short port, std::st
   const ovnet::lookup_result found = ovnet::system_resolver().resolve(
       host, port, ovnet::clock_type::now() + bindLookupTime, nullptr);
   if (found.addresses.empty()) {
-    error = found.end == ovnet::wait_end::timedOut ? "no address in time" : found.error;
+    error = found.error;
     return 0;
   }
   tcp::endpoint endpoint;
